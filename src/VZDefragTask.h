@@ -1,0 +1,46 @@
+#pragma once
+
+#include <cstdint>
+
+#include "KLKit/KLToolTask.h"
+#include "VZDefragError.h"
+
+class VZDefragVolume;
+
+/** Base of all commands: the lines that frame a task's output, progress and elapsed time.
+ *
+ *  The work calls reportTaskStart, then updateTaskProgress as it goes, reportTaskError when it
+ *  failed, and reportTaskDone in every case; all on the task's thread.
+ */
+class VZDefragTask : public KLToolTask {
+public:
+    explicit VZDefragTask(VZDefragVolume& volume);
+
+    [[nodiscard]] double progressReportInterval() const { return _progressInterval; }
+    void setProgressReportInterval(double interval) { _progressInterval = interval; }
+
+    /** Prints the start line. */
+    void reportTaskStart();
+    /** Records a value; schedules a progress line when one is due. Task's thread. */
+    void updateTaskProgress(int32_t value);
+    /** Prints the progress line. Main thread. */
+    void reportTaskProgress();
+    /** Prints the error line; nothing for none or a cancellation. */
+    void reportTaskError(const VZDefragError* error);
+    /** Prints the done line and logs the elapsed time. */
+    void reportTaskDone();
+
+protected:
+    [[nodiscard]] VZDefragVolume& taskVolume() const { return _taskVolume; }
+
+private:
+    [[nodiscard]] bool _takeProgressValue(int32_t& value);
+
+    VZDefragVolume& _taskVolume;
+    double _timeSpent = 0;  // minus the start time while running; guarded by _lock, as those below
+    double _progressInterval;       // seconds
+    double _progressReported = 0;   // when the last progress line was printed
+    bool _progressPending = false;  // a line is scheduled and not yet printed
+    bool _progressUpdated = false;  // the value changed since the last line
+    int32_t _progressValue = -1;    // negative: nothing to report yet
+};
