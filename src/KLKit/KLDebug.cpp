@@ -114,8 +114,8 @@ void Line::_begin(KLDebugLevel level)
     const PlatformLocalTime now = PlatformCurrentLocalTime();
     std::array<char, 32> time = {};
     std::ignore = std::strftime(time.data(), time.size(), "%F %T", &now.calendar);
-    _bytes.append(KLFormatString("%s.%03u %s%s", time.data(), now.milliseconds, head,
-                                 prefixOf(level)));
+    _bytes.append(
+        KLFormatString("%s.%03u %s%s", time.data(), now.milliseconds, head, prefixOf(level)));
     _level = level;
     _atStart = false;
 }

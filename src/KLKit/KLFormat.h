@@ -24,7 +24,7 @@ public:
         : _value(std::string(value))
     {
     }
-    KLFormatArgument(const std::string& value) : _value(value) {}  // NOLINT
+    KLFormatArgument(const std::string& value) : _value(value) {}        // NOLINT
     KLFormatArgument(const char* value) : _value(std::string(value)) {}  // NOLINT
 
     [[nodiscard]] const Value& value() const { return _value; }

@@ -9,7 +9,7 @@
 struct PlatformStackFrame {
     uintptr_t frameAddress = 0;
     uintptr_t returnAddress = 0;
-    std::string symbol;  // the linker's name of the calling function; empty when unknown
+    std::string symbol;    // the linker's name of the calling function; empty when unknown
     uintptr_t offset = 0;  // bytes from the symbol to the return address
 };
 

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "KLKit/KLToolApplication.h"
+#include "VZDefragError.h"
+#include "VZDefragServices.h"
+
+class KLToolTask;
+class VZDefragVolume;
+
+/** The tool itself: the command line, the commands on standard input, and how it ends.
+ *
+ *  Everything runs on the main thread. What tasks ask for through VZDefragServices is fixed before
+ *  the first of them starts.
+ */
+class VZDefragToolApplication : public KLToolApplication, public VZDefragServices {
+public:
+    VZDefragToolApplication(int argc, const char* const* argv);
+    ~VZDefragToolApplication() override;
+
+    /** Opens the device that the command line names; "READY" when commands may come. */
+    void argumentsEvent(const std::shared_ptr<KLToolEvent>& event) override;
+    /** Runs one command line. */
+    void stringEvent(const std::shared_ptr<KLToolEvent>& event) override;
+
+    /** Asks every task to stop; closes the volume and ends the loop when the last has ended. */
+    void terminate() override;
+
+    [[nodiscard]] double progressInterval() const override { return _progressInterval; }
+    /** Ends the tool as "QUIT" does: nobody is left to report to. */
+    void outputReaderDidGoAway() override;
+    void performOnMainThread(std::function<void()> work) override;
+
+private:
+    struct Options;
+
+    void _handleSignal(int signal);
+    void _toolTaskDidTerminate(const std::shared_ptr<KLToolTask>& task);
+
+    [[nodiscard]] bool _parseArguments(const std::vector<std::string>& arguments, Options& options,
+                                       VZDefragErrorSlot error);
+    [[nodiscard]] bool _parseOption(const std::vector<std::string>& arguments, size_t& index,
+                                    Options& options, VZDefragErrorSlot error);
+    [[nodiscard]] bool _setProgressInterval(const std::string& option, const std::string& value,
+                                            VZDefragErrorSlot error);
+    [[nodiscard]] bool _setLocalizedStringsFile(const std::string& path, VZDefragErrorSlot error);
+    [[nodiscard]] bool _openDevice(const Options& options, VZDefragErrorSlot error);
+    void _startDefragTask(const std::string& line, bool compact);
+
+    double _progressInterval = 1.0;  // seconds
+    std::unique_ptr<VZDefragVolume> _volume;
+    std::set<std::shared_ptr<KLToolTask>> _tasks;  // started, their end not yet announced
+    bool _terminateRequestPending = false;
+};
