@@ -50,8 +50,8 @@ struct HFSPlusCheckedTree {
 
 /** What a check is to demand and to keep. */
 struct HFSPlusCheckOptions {
-    bool collectForks = true;         // off: result.forks stays empty, for volumes of millions
-    bool demandsUnmounted = true;     // the unmounted bit must be set and the inconsistent bit clear
+    bool collectForks = true;      // off: result.forks stays empty, for volumes of millions
+    bool demandsUnmounted = true;  // the unmounted bit must be set and the inconsistent bit clear
     bool demandsEmptyJournal = true;  // off: transactions may wait in a journal
     bool demandsAlternate = true;     // off: the alternate header may be missing or stale
     size_t problemLimit = 200;        // more are counted, not listed
