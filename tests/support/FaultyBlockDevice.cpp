@@ -111,13 +111,25 @@ int FaultyBlockDevice::synchronize()
     return verdict.errorNumber != 0 ? verdict.errorNumber : _device->synchronize();
 }
 
-uint32_t FaultyBlockDevice::blockSize() const { return _device->blockSize(); }
+uint32_t FaultyBlockDevice::blockSize() const
+{
+    return _device->blockSize();
+}
 
-uint64_t FaultyBlockDevice::blockCount() const { return _device->blockCount(); }
+uint64_t FaultyBlockDevice::blockCount() const
+{
+    return _device->blockCount();
+}
 
-bool FaultyBlockDevice::isWritable() const { return _device->isWritable(); }
+bool FaultyBlockDevice::isWritable() const
+{
+    return _device->isWritable();
+}
 
-std::unique_ptr<PlatformBlockDevice> FaultyBlockDevice::duplicate() const { return share(); }
+std::unique_ptr<PlatformBlockDevice> FaultyBlockDevice::duplicate() const
+{
+    return share();
+}
 
 std::unique_ptr<FaultyBlockDevice> FaultyBlockDevice::share() const
 {
@@ -143,8 +155,8 @@ FaultyBlockDevice::Verdict FaultyBlockDevice::_judge(Operation operation, size_t
         return {EIO, 0};
     }
     for (const Plan::Fault& fault : _plan->faults) {
-        const bool strikes = fault.lasting == Lasting::kOnce ? ordinal == fault.ordinal
-                                                             : ordinal >= fault.ordinal;
+        const bool strikes =
+            fault.lasting == Lasting::kOnce ? ordinal == fault.ordinal : ordinal >= fault.ordinal;
         if (fault.operation == operation && strikes) {
             _plan->reached = true;
             return {fault.errorNumber, std::min(fault.nbyte, nbyte)};

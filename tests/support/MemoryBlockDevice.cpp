@@ -116,9 +116,15 @@ int MemoryBlockDevice::synchronize()
     return 0;
 }
 
-uint32_t MemoryBlockDevice::blockSize() const { return _blockSize; }
+uint32_t MemoryBlockDevice::blockSize() const
+{
+    return _blockSize;
+}
 
-uint64_t MemoryBlockDevice::blockCount() const { return size() / _blockSize; }
+uint64_t MemoryBlockDevice::blockCount() const
+{
+    return size() / _blockSize;
+}
 
 bool MemoryBlockDevice::isWritable() const
 {
@@ -126,7 +132,10 @@ bool MemoryBlockDevice::isWritable() const
     return _store->writable;
 }
 
-std::unique_ptr<PlatformBlockDevice> MemoryBlockDevice::duplicate() const { return share(); }
+std::unique_ptr<PlatformBlockDevice> MemoryBlockDevice::duplicate() const
+{
+    return share();
+}
 
 std::unique_ptr<MemoryBlockDevice> MemoryBlockDevice::share() const
 {

@@ -46,7 +46,8 @@ public:
     /** Reads any bytes without a trace; what lies beyond the end reads as zeros. */
     void peek(void* buffer, size_t nbyte, uint64_t offset) const;
 
-    /** Changes any bytes without a trace; the device grows when @p offset + @p nbyte asks for it. */
+    /** Changes any bytes without a trace; the device grows when @p offset + @p nbyte asks for it.
+     */
     void poke(const void* buffer, size_t nbyte, uint64_t offset);
 
     /** Makes the device @p size bytes long. */
