@@ -43,19 +43,6 @@ bool isSameFile(const struct stat& left, const struct stat& right)
            (left.st_mode & S_IFMT) == (right.st_mode & S_IFMT) && left.st_rdev == right.st_rdev;
 }
 
-/** The errno value of a failed open in the words of the opener's contract. */
-int openErrorNumber(int errorNumber)
-{
-    switch (errorNumber) {
-        case EROFS:
-            return EACCES;
-        case EWOULDBLOCK:  // somebody else's lock, or a lease that would have to be broken
-            return EBUSY;
-        default:
-            return errorNumber;
-    }
-}
-
 /** Opens what @p path named when @p status was taken, and locks it when asked for; or empty. */
 LinuxDescriptor openAndLock(const std::string& path, const struct stat& status,
                             PlatformDeviceOpener::Mode mode, int& errorNumber)
@@ -71,7 +58,7 @@ LinuxDescriptor openAndLock(const std::string& path, const struct stat& status,
     LinuxDescriptor descriptor(openRepeatedly(path, flags));
     struct stat opened = {};
     if (!descriptor || fstat(descriptor.number(), &opened) != 0) {
-        errorNumber = openErrorNumber(errno);
+        errorNumber = LinuxOpenErrorNumber(errno);
         return {};
     }
     if (const int reason = reasonAgainstType(opened.st_mode); reason != 0) {
@@ -83,7 +70,7 @@ LinuxDescriptor openAndLock(const std::string& path, const struct stat& status,
         return {};
     }
     if (mode.exclusive && flock(descriptor.number(), LOCK_EX | LOCK_NB) != 0) {
-        errorNumber = openErrorNumber(errno);
+        errorNumber = LinuxOpenErrorNumber(errno);
         return {};
     }
     return descriptor;
@@ -100,6 +87,18 @@ int64_t resultOf(ssize_t transferred)
 }
 
 }  // namespace
+
+int LinuxOpenErrorNumber(int errorNumber)
+{
+    switch (errorNumber) {
+        case EROFS:
+            return EACCES;
+        case EWOULDBLOCK:  // somebody else's lock, or a lease that would have to be broken
+            return EBUSY;
+        default:
+            return errorNumber;
+    }
+}
 
 std::unique_ptr<LinuxBlockDevice> LinuxBlockDevice::openPath(const std::string& path,
                                                              PlatformDeviceOpener::Mode mode,

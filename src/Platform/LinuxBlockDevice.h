@@ -6,6 +6,10 @@
 #include "Platform/PlatformBlockDevice.h"
 #include "Platform/PlatformDeviceOpener.h"
 
+/** The errno value of a failed open as PlatformDeviceOpener words it: a read-only file system is no
+ *  permission, a lock held elsewhere is a busy device. */
+[[nodiscard]] int LinuxOpenErrorNumber(int errorNumber);
+
 /** A block device, or a regular file taken as a device of 512-byte blocks.
  *
  *  Transfers that fit the alignment the kernel asks for bypass the page cache; the others, and all
