@@ -1,0 +1,196 @@
+#include <cstring>
+#include <utility>
+
+#include "HFSPlus/HFSPlusBTreeFile.h"
+#include "HFSPlus/HFSPlusBTreeRehearsal.h"
+#include "HFSPlus/HFSPlusVolume.h"
+#include "KLKit/KLDebug.h"
+
+// The node cache of HFSPlusBTreeFile: references, the queue of nodes without any, eviction, and
+// the rehearsals that put nodes back as they were.
+
+HFSPlusCachedNode HFSPlusBTreeFile::cachedNodeWithIndex(uint32_t index,
+                                                        std::span<const uint8_t> data,
+                                                        VZDefragErrorSlot error)
+{
+    auto entry = _nodeCacheTOC.find(index);
+    if (entry == _nodeCacheTOC.end()) {
+        if (index >= nodeCount()) {
+            std::ignore = VZDefragFail(error, "B-Tree node %1$lu is out of range.", index);
+            return {};
+        }
+        std::unique_ptr<HFSPlusBTreeNode> node =
+            HFSPlusBTreeNode::initWithBTree(*this, index, data, error);
+        if (node == nullptr) {
+            return {};
+        }
+        node->_cacheRetainCount = 1;
+        entry = _nodeCacheTOC.emplace(index, std::move(node)).first;
+    } else {
+        _retain(*entry->second);
+    }
+    HFSPlusBTreeNode& node = *entry->second;
+    if (_rehearsal != nullptr && !_rehearsal->nodes.contains(index)) {
+        const std::span<const uint8_t> bytes = node.bytes();
+        _rehearsal->nodes[index] = {{bytes.begin(), bytes.end()}, node.dirty()};
+    }
+    return {*this, node};
+}
+
+HFSPlusCachedNode HFSPlusBTreeFile::soundNodeWithIndex(uint32_t index, std::string_view message,
+                                                       VZDefragErrorSlot error)
+{
+    if (index == 0 || index >= nodeCount()) {
+        std::ignore = VZDefragFail(error, message);
+        return {};
+    }
+    HFSPlusCachedNode node = cachedNodeWithIndex(index, {}, error);
+    if (node && !node->hasSoundRecords()) {
+        std::ignore = VZDefragFail(error, message);
+        return {};
+    }
+    return node;
+}
+
+void HFSPlusBTreeFile::_retain(HFSPlusBTreeNode& node)
+{
+    if (node._cacheRetainCount++ > 0) {
+        return;
+    }
+    if (node._cacheParked) {
+        node._cacheParked = false;
+    } else {
+        _unlinkFromQueue(node);
+    }
+    --_nodeCacheCount;
+}
+
+void HFSPlusBTreeFile::cachedNodeRelease(HFSPlusBTreeNode& node)
+{
+    if (node._cacheRetainCount == 0) {
+        KLPanic("B-Tree node %lu was released too often\n", node.index());
+    }
+    if (--node._cacheRetainCount > 0) {
+        return;
+    }
+    node._cacheNextLink = _nodeCacheQHead;
+    if (_nodeCacheQHead != nullptr) {
+        _nodeCacheQHead->_cachePrevLink = &node;
+    } else {
+        _nodeCacheQTail = &node;
+    }
+    _nodeCacheQHead = &node;
+    ++_nodeCacheCount;
+    if (_nodeCacheLimit != 0) {
+        _trimCache();
+    }
+}
+
+void HFSPlusBTreeFile::_trimCache()
+{
+    while (_nodeCacheCount > _nodeCacheLimit && _nodeCacheQTail != nullptr) {
+        HFSPlusBTreeNode& node = *_nodeCacheQTail;
+        if (_holdsWrites && node.dirty()) {
+            // Out of the queue, so that the next release does not meet it again; it still counts,
+            // so that clean nodes make room for it.
+            _unlinkFromQueue(node);
+            node._cacheParked = true;
+            _parkedNodes.push_back(node.index());
+        } else {
+            _cachedNodeDealloc(node);
+        }
+    }
+}
+
+void HFSPlusBTreeFile::_cachedNodeDealloc(HFSPlusBTreeNode& node)
+{
+    if (!_holdsWrites) {
+        // The node logs a write that fails; nobody is left who could do more about it.
+        std::ignore = node.flush();
+    }
+    _unlinkFromQueue(node);
+    --_nodeCacheCount;
+    _nodeCacheTOC.erase(node.index());
+}
+
+void HFSPlusBTreeFile::_unlinkFromQueue(HFSPlusBTreeNode& node)
+{
+    HFSPlusBTreeNode*& fromBefore =
+        node._cachePrevLink != nullptr ? node._cachePrevLink->_cacheNextLink : _nodeCacheQHead;
+    HFSPlusBTreeNode*& fromAfter =
+        node._cacheNextLink != nullptr ? node._cacheNextLink->_cachePrevLink : _nodeCacheQTail;
+    fromBefore = node._cacheNextLink;
+    fromAfter = node._cachePrevLink;
+    node._cachePrevLink = nullptr;
+    node._cacheNextLink = nullptr;
+}
+
+bool HFSPlusBTreeFile::isDirty() const
+{
+    if (_updated) {
+        return true;
+    }
+    for (const auto& [index, node] : _nodeCacheTOC) {
+        if (node->dirty()) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void HFSPlusBTreeFile::setHoldsWrites(bool holds)
+{
+    _holdsWrites = holds;
+    if (!holds) {
+        _requeueParkedNodes();
+    }
+}
+
+void HFSPlusBTreeFile::_requeueParkedNodes()
+{
+    // Backwards: what was parked first had been out of use the longest and becomes the tail.
+    for (auto index = _parkedNodes.rbegin(); index != _parkedNodes.rend(); ++index) {
+        const auto entry = _nodeCacheTOC.find(*index);
+        if (entry == _nodeCacheTOC.end() || !entry->second->_cacheParked) {
+            continue;
+        }
+        HFSPlusBTreeNode& node = *entry->second;
+        node._cacheParked = false;
+        node._cachePrevLink = _nodeCacheQTail;
+        if (_nodeCacheQTail != nullptr) {
+            _nodeCacheQTail->_cacheNextLink = &node;
+        } else {
+            _nodeCacheQHead = &node;
+        }
+        _nodeCacheQTail = &node;
+    }
+    _parkedNodes.clear();
+}
+
+void HFSPlusBTreeFile::_beginRehearsal()
+{
+    _rehearsal = std::make_unique<Rehearsal>();
+    _rehearsal->hostHeaderRec = _hostHeaderRec;
+    _rehearsal->freeNodeMap = _freeNodeMap;
+    _rehearsal->updated = _updated;
+    _rehearsal->heldWrites = _holdsWrites;
+    setHoldsWrites(true);
+}
+
+void HFSPlusBTreeFile::_endRehearsal()
+{
+    // A changed node cannot have left the cache, as writes are held; a node that did leave was
+    // clean, so the disk still holds it as it was.
+    for (const auto& [index, image] : _rehearsal->nodes) {
+        const auto entry = _nodeCacheTOC.find(index);
+        if (entry != _nodeCacheTOC.end()) {
+            std::memcpy(entry->second->_data.get(), image.bytes.data(), image.bytes.size());
+            entry->second->_dirty = image.dirty;
+        }
+    }
+    _hostHeaderRec = _rehearsal->hostHeaderRec;
+    _freeNodeMap = std::move(_rehearsal->freeNodeMap);
+    _updated = _rehearsal->updated;
+    setHoldsWrites(_rehearsal->heldWrites);
+    _rehearsal = nullptr;
+}
