@@ -1,0 +1,141 @@
+#include "HFSPlus/HFSPlusBTreeBulkIterator.h"
+
+#include <algorithm>
+#include <new>
+
+namespace {
+
+constexpr uint32_t kBytesPerRead = 1024 * 1024;
+constexpr uint32_t kNodesPerMapByte = 8;
+constexpr uint32_t kHeaderMapRecord = 2;
+constexpr uint32_t kMapNodeMapRecord = 0;
+constexpr std::string_view kMapInconsistent = "B-Tree file has inconsistent map node.";
+
+/** As many nodes as fill a megabyte, and whole bytes of the map. */
+uint32_t nodesPerBuffer(uint32_t nodeSize)
+{
+    const uint32_t nodes = (kBytesPerRead + nodeSize - 1) / nodeSize;
+    return (nodes + kNodesPerMapByte - 1) / kNodesPerMapByte * kNodesPerMapByte;
+}
+
+}  // namespace
+
+std::unique_ptr<HFSPlusBTreeBulkIterator> HFSPlusBTreeBulkIterator::initWithBTree(
+    HFSPlusBTreeFile& btree, VZDefragErrorSlot error)
+{
+    std::unique_ptr<HFSPlusBTreeBulkIterator> iterator(new HFSPlusBTreeBulkIterator(btree));
+    if (!iterator->_allocate(error) || !iterator->_copyMap(error)) {
+        return nullptr;
+    }
+    return iterator;
+}
+
+HFSPlusBTreeBulkIterator::HFSPlusBTreeBulkIterator(HFSPlusBTreeFile& btree)
+    : _btree(btree),
+      _nodesPerBuffer(nodesPerBuffer(btree.nodeSize())),
+      _bufferSize(uint64_t{btree.nodeSize()} * _nodesPerBuffer),
+      _mapSize((uint64_t{btree.nodeCount()} + kNodesPerMapByte - 1) / kNodesPerMapByte)
+{
+}
+
+bool HFSPlusBTreeBulkIterator::_allocate(VZDefragErrorSlot error)
+{
+    _bufferData.reset(new (std::nothrow) uint8_t[_bufferSize]);
+    // Where the chain of map nodes ends early, the nodes it does not cover count as free.
+    _mapData.reset(new (std::nothrow) uint8_t[_mapSize]());
+    if (_bufferData == nullptr || _mapData == nullptr) {
+        return VZDefragFail(error, "Out of memory.");
+    }
+    return true;
+}
+
+bool HFSPlusBTreeBulkIterator::_copyMap(VZDefragErrorSlot error)
+{
+    uint64_t copied = 0;
+    uint32_t nodeIndex = 0;
+    uint32_t recordIndex = kHeaderMapRecord;
+    // Each node is visited once at most, whatever its link says.
+    for (uint32_t step = 0; step < _btree.nodeCount() && copied < _mapSize; ++step) {
+        const HFSPlusCachedNode node =
+            _btree.soundNodeWithIndex(nodeIndex, kMapInconsistent, error);
+        if (!node) {
+            return false;
+        }
+        if (recordIndex >= node->recordCount()) {
+            return VZDefragFail(error, kMapInconsistent);
+        }
+        const std::span<const uint8_t> record = node->recordAtIndex(recordIndex);
+        const uint64_t size = std::min<uint64_t>(record.size(), _mapSize - copied);
+        std::copy_n(record.data(), size, _mapData.get() + copied);
+        copied += size;
+        nodeIndex = node->fLink();
+        recordIndex = kMapNodeMapRecord;
+        if (nodeIndex == 0) {
+            break;
+        }
+    }
+    return true;
+}
+
+bool HFSPlusBTreeBulkIterator::_isNodeInUse(uint32_t index) const
+{
+    const unsigned mask = 0x80U >> index % kNodesPerMapByte;
+    return (_mapData[index / kNodesPerMapByte] & mask) != 0;
+}
+
+void HFSPlusBTreeBulkIterator::_skipFreeNodes()
+{
+    const uint32_t nodeCount = _btree.nodeCount();
+    while (_nextNodeIndex < nodeCount && !_isNodeInUse(_nextNodeIndex)) {
+        const bool isByteStart = _nextNodeIndex % kNodesPerMapByte == 0;
+        const bool isByteClear = _mapData[_nextNodeIndex / kNodesPerMapByte] == 0;
+        const uint32_t step = isByteStart && isByteClear ? kNodesPerMapByte : 1;
+        _nextNodeIndex += std::min(step, nodeCount - _nextNodeIndex);
+    }
+}
+
+std::span<const uint8_t> HFSPlusBTreeBulkIterator::_nodeBytes(uint32_t index) const
+{
+    const size_t offset = size_t{index - _bufferBaseIndex} * _btree.nodeSize();
+    return {_bufferData.get() + offset, _btree.nodeSize()};
+}
+
+/** Reads from _nextNodeIndex on and leaves the nodes in use in the tree's cache. */
+bool HFSPlusBTreeBulkIterator::_fillBuffer(VZDefragErrorSlot error)
+{
+    const uint32_t nodeSize = _btree.nodeSize();
+    const uint32_t count = std::min(_nodesPerBuffer, _btree.nodeCount() - _nextNodeIndex);
+    _bufferValid = false;
+    if (!_btree.read(_bufferData.get(), uint64_t{count} * nodeSize,
+                     uint64_t{_nextNodeIndex} * nodeSize, error)) {
+        return false;
+    }
+    _bufferBaseIndex = _nextNodeIndex;
+    _bufferValid = true;
+    for (uint32_t index = _bufferBaseIndex; index - _bufferBaseIndex < count; ++index) {
+        // Given back at once: only its place in the cache is wanted.
+        if (_isNodeInUse(index) && !_btree.cachedNodeWithIndex(index, _nodeBytes(index), error)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool HFSPlusBTreeBulkIterator::nextCachedNode(HFSPlusCachedNode& node, VZDefragErrorSlot error)
+{
+    node = HFSPlusCachedNode();
+    _skipFreeNodes();
+    if (_nextNodeIndex >= _btree.nodeCount()) {
+        return true;
+    }
+    const bool isBuffered = _bufferValid && _nextNodeIndex - _bufferBaseIndex < _nodesPerBuffer;
+    if (!isBuffered && !_fillBuffer(error)) {
+        return false;
+    }
+    node = _btree.cachedNodeWithIndex(_nextNodeIndex, _nodeBytes(_nextNodeIndex), error);
+    if (!node) {
+        return false;
+    }
+    ++_nextNodeIndex;
+    return true;
+}

@@ -1,0 +1,37 @@
+#pragma once
+
+#include "HFSPlus/HFSPlusBTreeFile.h"
+
+/** The nodes of a tree that are in use, in the order of the file, read a megabyte at a time.
+ *
+ *  Every node read goes through the tree's cache, so what was changed in memory is what is seen,
+ *  and the nodes stay there for whoever looks next. Used by the thread that uses the tree.
+ */
+class HFSPlusBTreeBulkIterator {
+public:
+    /** Takes a copy of the node map; the tree must outlive the iterator. */
+    [[nodiscard]] static std::unique_ptr<HFSPlusBTreeBulkIterator> initWithBTree(
+        HFSPlusBTreeFile& btree, VZDefragErrorSlot error);
+
+    /** The next node in use; @p node is empty after the last one. */
+    [[nodiscard]] bool nextCachedNode(HFSPlusCachedNode& node, VZDefragErrorSlot error);
+
+private:
+    explicit HFSPlusBTreeBulkIterator(HFSPlusBTreeFile& btree);
+    [[nodiscard]] bool _allocate(VZDefragErrorSlot error);
+    [[nodiscard]] bool _copyMap(VZDefragErrorSlot error);
+    [[nodiscard]] bool _isNodeInUse(uint32_t index) const;
+    void _skipFreeNodes();
+    [[nodiscard]] bool _fillBuffer(VZDefragErrorSlot error);
+    [[nodiscard]] std::span<const uint8_t> _nodeBytes(uint32_t index) const;
+
+    HFSPlusBTreeFile& _btree;
+    uint32_t _nextNodeIndex = 0;
+    uint32_t _nodesPerBuffer;
+    uint32_t _bufferBaseIndex = 0;
+    bool _bufferValid = false;
+    uint64_t _bufferSize;  // bytes
+    std::unique_ptr<uint8_t[]> _bufferData;
+    uint64_t _mapSize;  // bytes
+    std::unique_ptr<uint8_t[]> _mapData;
+};
