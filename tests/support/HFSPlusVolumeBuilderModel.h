@@ -89,7 +89,8 @@ struct HFSPlusBuilderTree {
     std::optional<uint32_t> totalNodes;
     uint32_t maximumLeafRecords = std::numeric_limits<uint32_t>::max();
     uint32_t maximumIndexRecords = std::numeric_limits<uint32_t>::max();
-    bool shuffled = false;  // node numbers without order, free nodes in between
+    uint32_t loneLeafRecords = 0;  // so many leaves at the front hold one record each
+    bool shuffled = false;         // node numbers without order, free nodes in between
 };
 
 /** The journal and its info block. */

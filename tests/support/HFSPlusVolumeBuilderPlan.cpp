@@ -104,13 +104,7 @@ bool HFSPlusVolumeBuilderPlan::settle(std::string& error)
     }
     if (!_countTrees(error) || !_placeTree(spec.attributesTree, attributesTree, error) ||
         !_placeTree(spec.catalogTree, catalogTree, error) || !_placeAutomaticForks(error) ||
-        !_collectOverflow(error)) {
-        return false;
-    }
-    HFSPlusVolumeBuilderTree counter(spec.extentsTree, extentsTree, nullptr);
-    const auto count = [&](auto key, auto data) { return counter.add(key, data); };
-    if (!visitOverflowRecords(overflow, count) || !counter.finish()) {
-        error = "the extents overflow records do not fit their nodes";
+        !_collectOverflow(error) || !_countExtentsTree(error)) {
         return false;
     }
     return _placeTree(spec.extentsTree, extentsTree, error);

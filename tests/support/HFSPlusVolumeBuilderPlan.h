@@ -57,7 +57,10 @@ private:
     [[nodiscard]] bool _placeJournal(std::string& error);
     [[nodiscard]] bool _placeTree(const HFSPlusBuilderTree& shape, HFSPlusBuilderTreePlan& tree,
                                   std::string& error);
+    [[nodiscard]] bool _countTree(HFSPlusBuilderTree& shape, HFSPlusBuilderTreePlan& tree,
+                                  const std::function<bool(HFSPlusVolumeBuilderTree&)>& load);
     [[nodiscard]] bool _countTrees(std::string& error);
+    [[nodiscard]] bool _countExtentsTree(std::string& error);
     [[nodiscard]] bool _placeAutomaticForks(std::string& error);
     [[nodiscard]] bool _collectOverflow(std::string& error);
     [[nodiscard]] bool _place(uint32_t blocks, HFSPlusBuilderExtents& extents, const char* what,

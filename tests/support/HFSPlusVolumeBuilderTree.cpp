@@ -76,24 +76,23 @@ bool HFSPlusBuilderTreePlan::plan(const HFSPlusBuilderTree& shape, uint32_t bloc
     capacity /= nodeSize;
     const uint32_t wishedFree = shape.freeNodes.value_or(std::max(kLeastFreeNodes, treeNodes / 4));
     uint64_t total = shape.totalNodes.value_or(0);
-    if (total == 0 && capacity != 0 && !shape.freeNodes.has_value()) {
+    if (total == 0 && !shape.freeNodes.has_value()) {
         total = capacity;
     }
     if (total != 0) {
         mapNodes = mapNodesFor(total, nodeSize);
     } else {
-        // The map grows with the nodes it covers, its own included.
+        const uint64_t nodesPerBlock = std::max(1U, blockSize / nodeSize);
+        // The map grows with the nodes it covers, its own included; each turn adds at least one.
         uint64_t settled = 0;
         do {
             settled = total;
             mapNodes = mapNodesFor(settled, nodeSize);
             total = uint64_t{1} + mapNodes + treeNodes + wishedFree;
+            if (!shape.freeNodes.has_value()) {
+                total = (total + nodesPerBlock - 1) / nodesPerBlock * nodesPerBlock;
+            }
         } while (total != settled);
-        if (!shape.freeNodes.has_value() && blockSize > nodeSize) {
-            const uint64_t nodesPerBlock = blockSize / nodeSize;
-            const uint64_t whole = (total + nodesPerBlock - 1) / nodesPerBlock * nodesPerBlock;
-            total = mapNodesFor(whole, nodeSize) == mapNodes ? whole : total;
-        }
     }
     const uint64_t used = uint64_t{1} + mapNodes + treeNodes;
     if (total > UINT32_MAX || used > total || (capacity != 0 && total > capacity)) {
@@ -114,7 +113,8 @@ HFSPlusVolumeBuilderTree::HFSPlusVolumeBuilderTree(const HFSPlusBuilderTree& sha
 bool HFSPlusVolumeBuilderTree::add(std::span<const uint8_t> key, std::span<const uint8_t> data)
 {
     _plan.leafRecords++;
-    return _put(key, data, _shape.maximumLeafRecords);
+    const bool isLone = _sequence <= _shape.loneLeafRecords;
+    return _put(key, data, isLone ? 1 : _shape.maximumLeafRecords);
 }
 
 bool HFSPlusVolumeBuilderTree::finish()
