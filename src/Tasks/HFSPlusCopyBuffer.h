@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+
+#include "VZDefragError.h"
+
+/** The memory that carries one cycle's data, aligned for direct transfers. */
+class HFSPlusCopyBuffer {
+public:
+    /** A sixteenth of physical memory, at most 64 MiB; null with "Out of memory.". */
+    [[nodiscard]] static std::unique_ptr<HFSPlusCopyBuffer> initWithBlockSize(
+        uint32_t blockSize, VZDefragErrorSlot error);
+    /** A buffer of @p size bytes; null with "Out of memory.". */
+    [[nodiscard]] static std::unique_ptr<HFSPlusCopyBuffer> initWithSize(uint64_t size,
+                                                                         uint32_t blockSize,
+                                                                         VZDefragErrorSlot error);
+
+    [[nodiscard]] uint8_t* data() { return _data.get(); }
+    [[nodiscard]] uint64_t size() const { return _size; }      // bytes
+    [[nodiscard]] uint32_t blocks() const { return _blocks; }  // whole allocation blocks
+
+private:
+    struct Free {
+        void operator()(uint8_t* data) const { std::free(data); }
+    };
+
+    HFSPlusCopyBuffer() = default;
+
+    std::unique_ptr<uint8_t[], Free> _data;
+    uint64_t _size = 0;
+    uint32_t _blocks = 0;
+};

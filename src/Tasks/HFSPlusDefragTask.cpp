@@ -1,0 +1,288 @@
+#include "Tasks/HFSPlusDefragTask.h"
+
+#include <algorithm>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "HFSPlus/HFSPlusForkExtents.h"
+#include "HFSPlus/HFSPlusVolume.h"
+#include "KLKit/KLDebug.h"
+#include "Tasks/HFSPlusCopyEngine.h"
+#include "Tasks/HFSPlusDefragSelection.h"
+
+namespace {
+
+std::string trimmed(std::string_view text)
+{
+    constexpr const char* kWhiteSpace = " \t\n\r\v\f";
+    const size_t begin = text.find_first_not_of(kWhiteSpace);
+    const size_t last = text.find_last_not_of(kWhiteSpace);
+    return begin == std::string_view::npos ? "" : std::string(text.substr(begin, last + 1 - begin));
+}
+
+}  // namespace
+
+HFSPlusDefragTask::HFSPlusDefragTask(HFSPlusVolume& volume)
+    : VZDefragTask(volume),
+      _volume(volume),
+      _allocatedBlocks(volume.hostVolumeHeader().totalBlocks -
+                       volume.hostVolumeHeader().freeBlocks)
+{
+    setName("DEFRAG");
+    setAction([this] { _defrag(); });
+    _progress = std::make_unique<HFSPlusDefragProgress>(*this, _allocatedBlocks);
+}
+
+void HFSPlusDefragTask::setProfileFileForks(std::unique_ptr<HFSPlusFileForkSet> fileForks)
+{
+    _profileFileForks = std::move(fileForks);
+}
+
+void HFSPlusDefragTask::_defrag()
+{
+    reportTaskStart();
+    std::unique_ptr<VZDefragError> error;
+    if (_parseOptions(&error) && _checkVolume(&error)) {
+        // One mover at a time for the whole command: each plans its copies on a map that nobody
+        // else's moves may make untrue.
+        const KLClosedGate movingGate(_volume.movingGate());
+        const KLClosedGate gate(_volume.gate());
+        std::ignore = _moveData(&error);  // the error says it all
+        _copyBuffer.reset();
+    }
+    reportTaskError(error.get());
+    reportTaskDone();
+}
+
+bool HFSPlusDefragTask::_parseOptions(VZDefragErrorSlot error)
+{
+    const std::vector<std::string>& words = arguments();
+    for (size_t index = 1; index < words.size(); ++index) {
+        const std::string& word = words[index];
+        if (word == "-q" || word == "--quiet") {
+            _progress->setVerbose(false);
+        } else if (word == "-p" || word == "--profile") {
+            if (index + 1 == words.size()) {
+                return VZDefragFail(error, "Option %1$@ requires an argument.", word);
+            }
+            ++index;
+            if (!_parseProfiles(words[index], error)) {
+                return false;
+            }
+        } else {
+            return VZDefragFail(error, "Unknown option: %1$@", word);
+        }
+    }
+    return true;
+}
+
+bool HFSPlusDefragTask::_parseProfiles(const std::string& list, VZDefragErrorSlot error)
+{
+    size_t begin = 0;
+    while (begin <= list.size()) {
+        const size_t end = std::min(list.find(',', begin), list.size());
+        const std::string item = trimmed(std::string_view(list).substr(begin, end - begin));
+        if (item == "boot") {
+            _useBootProfile = true;
+        } else if (item == "app") {
+            _useAppProfile = true;
+        } else {
+            return VZDefragFail(error, "Unknown profile: %1$@", item);
+        }
+        begin = end + 1;
+    }
+    return true;
+}
+
+bool HFSPlusDefragTask::_checkVolume(VZDefragErrorSlot error) const
+{
+    if (_volume.isMounted()) {
+        return VZDefragFail(error, "Volume is mounted.");
+    }
+    return _volume.isWritable() || VZDefragFail(error, "Volume is read-only.");
+}
+
+bool HFSPlusDefragTask::_moveData(VZDefragErrorSlot error)
+{
+    if (!_prepareProfiles(error) || !_prepareForRun(error)) {
+        return false;
+    }
+    if (_span->extentMap() == nullptr || _span->extentMap()->isEmpty()) {
+        return true;
+    }
+    _startProgress();
+    HFSPlusDefragSelection selection(_volume, *_span, _profileFileForks);
+    HFSPlusCopyEngine engine(_volume, *this, *_span, selection, *_copyBuffer, *_progress);
+    return engine.run(error);
+}
+
+bool HFSPlusDefragTask::_prepareProfiles(VZDefragErrorSlot error)
+{
+    bool prepared = true;
+    if (_useBootProfile || _useAppProfile) {
+        prepared = VZDefragFail(error, "Profile %1$@ is not available in this version.",
+                                _useBootProfile ? "boot" : "app");
+    }
+    if (_profileFileForks != nullptr && _profileFileForks->count() == 0) {
+        _profileFileForks.reset();
+    }
+    return _volume.flush(prepared ? error : nullptr) && prepared;
+}
+
+void HFSPlusDefragTask::_removeImmutableForksFromProfiles()
+{
+    if (_profileFileForks == nullptr) {
+        return;
+    }
+    auto movable = std::make_unique<HFSPlusFileForkSet>(_volume);
+    for (size_t index = 0; index < _profileFileForks->count(); ++index) {
+        uint32_t fileID = 0;
+        uint8_t forkType = 0;
+        _profileFileForks->fileAtIndex(fileID, forkType, index);
+        if (!_immutableFileForks->contains(fileID, forkType)) {
+            movable->add(fileID, forkType);
+        }
+    }
+    _profileFileForks = movable->count() == 0 ? nullptr : std::move(movable);
+}
+
+bool HFSPlusDefragTask::_prepareForRun(VZDefragErrorSlot error)
+{
+    _immutableFileForks = _volume.immutableForkIDs(false, error);
+    if (_immutableFileForks == nullptr) {
+        return false;
+    }
+    // A profile may name the journal, whose place is known to more than the catalog.
+    _removeImmutableForksFromProfiles();
+    _span = std::make_unique<HFSPlusExtentMapBuilder>(_volume, *_immutableFileForks);
+    const uint32_t blockSize = _volume.hostVolumeHeader().blockSize;
+    _copyBuffer = _copyBufferSize
+                      ? HFSPlusCopyBuffer::initWithSize(*_copyBufferSize, blockSize, error)
+                      : HFSPlusCopyBuffer::initWithBlockSize(blockSize, error);
+    if (_copyBuffer == nullptr) {
+        return false;
+    }
+    _skippedBlocks = 0;
+    if (_span->reachesVolumeEnd()) {
+        return true;
+    }
+    return _buildSpan(0, error) && _skipToDataBlocks(error) && _skipWhatIsInPlace(error);
+}
+
+bool HFSPlusDefragTask::_buildSpan(uint32_t firstBlock, VZDefragErrorSlot error)
+{
+    if (!_span->buildExtentMap(firstBlock, error)) {
+        return false;
+    }
+    return !aborted() || VZDefragFailCancelled(error);
+}
+
+bool HFSPlusDefragTask::_removeFrontEntry(VZDefragErrorSlot error)
+{
+    HFSPlusExtentMap& map = *_span->extentMap();
+    uint32_t count = 0;
+    const HFSPlusExtentMapEntry* entry = map.firstEntry(&count);
+    if (entry->type() == kHFSPlusExtentAllocated) {
+        _skippedBlocks += count;
+    }
+    if (!map.removeEntry(*entry, error)) {
+        return false;
+    }
+    return !map.isEmpty() || _span->reachesVolumeEnd() ||
+           _buildSpan(_span->extentNextStartBlock(), error);
+}
+
+bool HFSPlusDefragTask::_skipToDataBlocks(VZDefragErrorSlot error)
+{
+    const uint32_t firstDataBlock = _volume.firstDataBlock();
+    // The map's start rises with every entry removed.
+    while (const HFSPlusExtentMapEntry* entry = _span->extentMap()->firstEntry()) {
+        if (entry->start >= firstDataBlock) {
+            return true;
+        }
+        if (!_removeFrontEntry(error)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool HFSPlusDefragTask::_skipWhatIsInPlace(VZDefragErrorSlot error)
+{
+    while (const HFSPlusExtentMapEntry* entry = _span->extentMap()->firstEntry()) {
+        switch (_frontEntry(*entry, error)) {
+            case Front::kFailed:
+                return false;
+            case Front::kStartHere:
+                return true;
+            case Front::kInPlace:
+                break;
+        }
+        if (!_removeFrontEntry(error)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+HFSPlusDefragTask::Front HFSPlusDefragTask::_frontEntry(const HFSPlusExtentMapEntry& entry,
+                                                        VZDefragErrorSlot error)
+{
+    if (entry.type() != kHFSPlusExtentAllocated) {
+        return entry.type() == kHFSPlusExtentImmutable ? Front::kInPlace : Front::kStartHere;
+    }
+    const auto fork =
+        HFSPlusForkExtents::initWithVolume(_volume, entry.cnid, entry.fork(), error);
+    std::vector<HFSPlusHostExtentDescriptor> extents;
+    if (fork == nullptr || !fork->copyExtentDescriptors(extents, entry.start, error)) {
+        return Front::kFailed;
+    }
+    if (extents.size() > 1) {
+        return Front::kStartHere;
+    }
+    return _frontEntryInProfile(entry, extents.empty() ? nullptr : extents.data(), error);
+}
+
+HFSPlusDefragTask::Front HFSPlusDefragTask::_frontEntryInProfile(
+    const HFSPlusExtentMapEntry& entry, const HFSPlusHostExtentDescriptor* extent,
+    VZDefragErrorSlot error)
+{
+    // Every round takes a fork off the profile or ends.
+    while (_profileFileForks != nullptr) {
+        uint32_t fileID = 0;
+        uint8_t forkType = 0;
+        _profileFileForks->fileAtIndex(fileID, forkType, 0);
+        const auto fork = HFSPlusForkExtents::initWithVolume(_volume, fileID, forkType, error);
+        std::vector<HFSPlusHostExtentDescriptor> extents;
+        if (fork == nullptr || !fork->copyExtentDescriptors(extents, entry.start, error)) {
+            return Front::kFailed;
+        }
+        const bool isThisFork = extents.size() == 1 && extent != nullptr &&
+                                extents[0].startBlock == extent->startBlock &&
+                                extents[0].blockCount == extent->blockCount;
+        if (!extents.empty() && !isThisFork) {
+            return Front::kStartHere;
+        }
+        _profileFileForks->removeFileForkAtIndex(0);
+        if (_profileFileForks->count() == 0) {
+            _profileFileForks.reset();
+        }
+        if (isThisFork) {
+            return Front::kInPlace;
+        }
+    }
+    return Front::kInPlace;
+}
+
+void HFSPlusDefragTask::_startProgress()
+{
+    const uint32_t total = _span->extentMap()->dataBlockTotal();
+    _progress->setBlocksTotal(_skippedBlocks <= total
+                                  ? total - static_cast<uint32_t>(_skippedBlocks)
+                                  : total);
+    KLDebugLog(KLDebugLevel::kDebug, "%@,DEBUG,Starting at block %08X\n", name(),
+               _span->extentMap()->firstEntry()->start);
+    KLDebugLog(KLDebugLevel::kDebug, "%@,DEBUG,%08X blocks remaining to process\n", name(),
+               _progress->blocksTotal());
+}

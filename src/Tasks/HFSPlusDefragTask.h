@@ -1,0 +1,57 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+
+#include "HFSPlus/HFSPlusExtentMap.h"
+#include "HFSPlus/HFSPlusFileForkSet.h"
+#include "Tasks/HFSPlusCopyBuffer.h"
+#include "Tasks/HFSPlusDefragProgress.h"
+#include "Tasks/HFSPlusExtentMapBuilder.h"
+#include "VZDefragTask.h"
+
+class HFSPlusVolume;
+
+/** The command DEFRAG: makes every movable fork contiguous. */
+class HFSPlusDefragTask : public VZDefragTask {
+public:
+    explicit HFSPlusDefragTask(HFSPlusVolume& volume);
+
+    /** Carries no more than @p size bytes a cycle, instead of what physical memory suggests. */
+    void setCopyBufferSize(uint64_t size) { _copyBufferSize = size; }
+    /** Forks to lay down first, in order. */
+    void setProfileFileForks(std::unique_ptr<HFSPlusFileForkSet> fileForks);
+
+private:
+    enum class Front { kFailed, kInPlace, kStartHere };
+
+    void _defrag();
+    [[nodiscard]] bool _parseOptions(VZDefragErrorSlot error);
+    [[nodiscard]] bool _parseProfiles(const std::string& list, VZDefragErrorSlot error);
+    [[nodiscard]] bool _checkVolume(VZDefragErrorSlot error) const;
+    [[nodiscard]] bool _moveData(VZDefragErrorSlot error);
+    [[nodiscard]] bool _prepareProfiles(VZDefragErrorSlot error);
+    void _removeImmutableForksFromProfiles();
+    [[nodiscard]] bool _prepareForRun(VZDefragErrorSlot error);
+    [[nodiscard]] bool _buildSpan(uint32_t firstBlock, VZDefragErrorSlot error);
+    [[nodiscard]] bool _skipToDataBlocks(VZDefragErrorSlot error);
+    [[nodiscard]] bool _skipWhatIsInPlace(VZDefragErrorSlot error);
+    [[nodiscard]] bool _removeFrontEntry(VZDefragErrorSlot error);
+    [[nodiscard]] Front _frontEntry(const HFSPlusExtentMapEntry& entry, VZDefragErrorSlot error);
+    [[nodiscard]] Front _frontEntryInProfile(const HFSPlusExtentMapEntry& entry,
+                                             const HFSPlusHostExtentDescriptor* extent,
+                                             VZDefragErrorSlot error);
+    void _startProgress();
+
+    HFSPlusVolume& _volume;
+    uint32_t _allocatedBlocks;
+    bool _useAppProfile = false;
+    bool _useBootProfile = false;
+    std::optional<uint64_t> _copyBufferSize;  // bytes
+    std::unique_ptr<HFSPlusFileForkSet> _immutableFileForks;
+    std::unique_ptr<HFSPlusFileForkSet> _profileFileForks;  // null when no profile applies
+    std::unique_ptr<HFSPlusExtentMapBuilder> _span;
+    std::unique_ptr<HFSPlusCopyBuffer> _copyBuffer;
+    std::unique_ptr<HFSPlusDefragProgress> _progress;
+    uint64_t _skippedBlocks = 0;  // allocated blocks that were in place before the pass began
+};
