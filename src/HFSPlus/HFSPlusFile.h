@@ -1,0 +1,76 @@
+#pragma once
+
+#include <cstdint>
+#include <tuple>
+
+#include "HFSPlus/HFSPlusFormat.h"
+#include "VZDefragError.h"
+
+class HFSPlusVolume;
+
+/** Byte-addressed access to the data fork of a special file, or of a file whose fork data the
+ *  volume caches for as long as this object lives.
+ *
+ *  Follows the fork data as it changes. Reads and writes make one device request per contiguous
+ *  run; a request beyond the logical size fails before anything is transferred.
+ */
+class HFSPlusFile {
+public:
+    HFSPlusFile(HFSPlusVolume& volume, uint32_t fileID);
+    HFSPlusFile(const HFSPlusFile&) = delete;
+    HFSPlusFile& operator=(const HFSPlusFile&) = delete;
+    virtual ~HFSPlusFile() = default;
+
+    [[nodiscard]] uint32_t fileID() const { return _fileID; }
+    [[nodiscard]] uint64_t logicalSize() const { return _hostForkData->logicalSize; }
+    [[nodiscard]] uint32_t totalBlocks() const { return _hostForkData->totalBlocks; }
+    /** Turns the file offset @p offset (bytes) into a volume offset; returns the contiguous bytes
+     *  there, 0 on failure. */
+    [[nodiscard]] virtual uint64_t translateOffset(uint64_t& offset, VZDefragErrorSlot error);
+    /** Reads whole allocation blocks, through a buffer where the request is no such. */
+    [[nodiscard]] bool read(void* buffer, uint64_t nbyte, uint64_t offset, VZDefragErrorSlot error);
+    /** Writes as asked for, whatever the alignment. Once one has failed on its way to the device,
+     *  the volume takes no further writes. */
+    [[nodiscard]] bool write(const void* buffer, uint64_t nbyte, uint64_t offset,
+                             VZDefragErrorSlot error);
+
+    /** Whether changes wait in memory for a flush. */
+    [[nodiscard]] virtual bool isDirty() const { return false; }
+    /** While set, nothing changed is written on eviction: caches grow past their limits instead. */
+    virtual void setHoldsWrites(bool holds) { std::ignore = holds; }
+
+protected:
+    HFSPlusVolume& _volume;
+    const HFSPlusHostForkData* _hostForkData;  // the volume's own, never null
+
+private:
+    [[nodiscard]] bool _isInRange(uint64_t nbyte, uint64_t offset) const;
+    [[nodiscard]] bool _readBlocks(uint8_t* buffer, uint64_t nbyte, uint64_t offset,
+                                   VZDefragErrorSlot error);
+    [[nodiscard]] bool _readThroughBounceBuffer(uint8_t* buffer, uint64_t nbyte, uint64_t offset,
+                                                VZDefragErrorSlot error);
+
+    uint32_t _fileID;
+};
+
+/** Keeps a special file from writing to the place that it is being moved away from. */
+class HFSPlusHeldWrites {
+public:
+    explicit HFSPlusHeldWrites(HFSPlusFile& file) : _file(&file) { file.setHoldsWrites(true); }
+    HFSPlusHeldWrites(const HFSPlusHeldWrites&) = delete;
+    HFSPlusHeldWrites& operator=(const HFSPlusHeldWrites&) = delete;
+    HFSPlusHeldWrites(HFSPlusHeldWrites&& other) noexcept : _file(other._file)
+    {
+        other._file = nullptr;
+    }
+    HFSPlusHeldWrites& operator=(HFSPlusHeldWrites&&) = delete;
+    ~HFSPlusHeldWrites()
+    {
+        if (_file != nullptr) {
+            _file->setHoldsWrites(false);
+        }
+    }
+
+private:
+    HFSPlusFile* _file;
+};
