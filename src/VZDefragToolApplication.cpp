@@ -250,7 +250,7 @@ void VZDefragToolApplication::stringEvent(const std::shared_ptr<KLToolEvent>& ev
     }
     switch (commandWithWord(word)) {
         case Command::kDefrag:
-            _startDefragTask(line, false);
+            _startDefragTask(line);
             break;
         case Command::kQuit:
             terminate();
@@ -270,11 +270,11 @@ void VZDefragToolApplication::stringEvent(const std::shared_ptr<KLToolEvent>& ev
 }
 
 /** Starts a task in the background; its event is completed at once, so that "QUIT" can come. */
-void VZDefragToolApplication::_startDefragTask(const std::string& line, bool compact)
+void VZDefragToolApplication::_startDefragTask(const std::string& line)
 {
     // Only HFSPlusVolumeProber makes volumes here.
     auto& volume = static_cast<HFSPlusVolume&>(*_volume);
-    const auto task = std::make_shared<HFSPlusDefragTask>(volume, compact);
+    const auto task = std::make_shared<HFSPlusDefragTask>(volume);
     task->setArguments(trimmedComponentsSeparatedByCharactersInSet(line, kWordSeparators));
     _tasks.insert(task);
     task->start();

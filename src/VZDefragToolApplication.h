@@ -51,7 +51,7 @@ private:
                                             VZDefragErrorSlot error);
     [[nodiscard]] bool _setLocalizedStringsFile(const std::string& path, VZDefragErrorSlot error);
     [[nodiscard]] bool _openDevice(const Options& options, VZDefragErrorSlot error);
-    void _startDefragTask(const std::string& line, bool compact);
+    void _startDefragTask(const std::string& line);
 
     double _progressInterval = 1.0;  // seconds
     std::unique_ptr<VZDefragVolume> _volume;

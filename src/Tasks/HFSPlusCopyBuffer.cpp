@@ -6,8 +6,8 @@
 
 namespace {
 
-constexpr uint64_t kLargestBuffer = 64ull << 20;            // bytes
-constexpr uint64_t kBufferForUnknownMemory = 16ull << 20;   // bytes
+constexpr uint64_t kLargestBuffer = 64ull << 20;           // bytes
+constexpr uint64_t kBufferForUnknownMemory = 16ull << 20;  // bytes
 constexpr uint64_t kMemoryShare = 16;
 constexpr uint64_t kAlignment = 4096;  // what direct transfers ask for at most
 

@@ -95,8 +95,7 @@ HFSPlusCopyEngine::Cycle HFSPlusCopyEngine::_runCycle(VZDefragErrorSlot error)
     return Cycle::kGoOn;
 }
 
-HFSPlusCopyEngine::Cycle HFSPlusCopyEngine::_prepareSpan(uint32_t& movable,
-                                                         VZDefragErrorSlot error)
+HFSPlusCopyEngine::Cycle HFSPlusCopyEngine::_prepareSpan(uint32_t& movable, VZDefragErrorSlot error)
 {
     movable = 0;  // the caller starts over while it stays so
     if (_map().isEmpty()) {
@@ -105,7 +104,7 @@ HFSPlusCopyEngine::Cycle HFSPlusCopyEngine::_prepareSpan(uint32_t& movable,
         }
         _sourceIsDry = false;
         return _span.buildExtentMap(_span.extentNextStartBlock(), error) ? Cycle::kGoOn
-                                                                          : Cycle::kFailed;
+                                                                         : Cycle::kFailed;
     }
     if (_sourceIsDry) {
         if (_span.reachesVolumeEnd()) {
@@ -141,8 +140,7 @@ bool HFSPlusCopyEngine::_rebuildFromFront(VZDefragErrorSlot error)
     if (!_span.buildExtentMap(_map().firstEntry()->start, error)) {
         return false;
     }
-    _rebuildsWithoutNews =
-        _span.extentNextStartBlock() > spanEnd ? 0 : _rebuildsWithoutNews + 1;
+    _rebuildsWithoutNews = _span.extentNextStartBlock() > spanEnd ? 0 : _rebuildsWithoutNews + 1;
     return _rebuildsWithoutNews <= kMostRebuildsWithoutNews ||
            VZDefragFail(error, "Volume is too congested, unable to continue.");
 }
@@ -238,9 +236,9 @@ bool HFSPlusCopyEngine::_queueEvictions(uint32_t zone, uint32_t end, VZDefragErr
         while (entry->type() == kHFSPlusExtentAllocated && offset < inside) {
             uint32_t given = inside - offset;
             const uint32_t destination = freeMap->allocate(given, error);
-            if (destination == 0 || !_copyList.append({entry->start, entry->cnid, entry->info,
-                                                       offset, given, destination},
-                                                      error)) {
+            if (destination == 0 ||
+                !_copyList.append(
+                    {entry->start, entry->cnid, entry->info, offset, given, destination}, error)) {
                 return false;
             }
             offset += given;
@@ -293,10 +291,10 @@ bool HFSPlusCopyEngine::_queuePiece(HFSPlusSourceSelection::Piece piece, uint32_
     const uint32_t source = piece.start + piece.offset;
     piece.count = std::min({piece.count, frontCount, room});
     queued += piece.count;
-    return _copyList.append({piece.start, piece.cnid,
-                             HFSPlusExtentInfo(kHFSPlusExtentAllocated, piece.fork), piece.offset,
-                             piece.count, destination},
-                            error) &&
+    return _copyList.append(
+               {piece.start, piece.cnid, HFSPlusExtentInfo(kHFSPlusExtentAllocated, piece.fork),
+                piece.offset, piece.count, destination},
+               error) &&
            _selection.putSourceEntry(piece, error) &&
            _map().removeToBlock(destination + piece.count, error) &&
            _map().deleteRun(source, piece.count, error);

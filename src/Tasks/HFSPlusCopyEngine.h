@@ -45,6 +45,6 @@ private:
     HFSPlusSourceSelection& _selection;
     HFSPlusCopyBuffer& _buffer;
     HFSPlusCopyList _copyList;
-    bool _sourceIsDry = false;           // the last cycle ended for lack of a piece
+    bool _sourceIsDry = false;          // the last cycle ended for lack of a piece
     uint32_t _rebuildsWithoutNews = 0;  // rebuilds since blocks were queued or the span grew
 };

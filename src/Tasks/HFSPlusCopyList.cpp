@@ -121,8 +121,7 @@ bool HFSPlusCopyList::_checkExtentsFile(VZDefragErrorSlot error)
         }
     }
     if (extents != nullptr && extents->mergedExtentCount() > kMostExtentsOfExtentsFile) {
-        return VZDefragFail(error,
-                            "Overflow extents file is too congested, unable to continue.");
+        return VZDefragFail(error, "Overflow extents file is too congested, unable to continue.");
     }
     return true;
 }
@@ -149,15 +148,14 @@ std::vector<HFSPlusHeldWrites> HFSPlusCopyList::_holdSpecialFiles()
 
 bool HFSPlusCopyList::_checkDestinations(VZDefragErrorSlot error)
 {
-    return _forEachRun(&HFSPlusCopyEntry::destination,
-                       [&](uint32_t block, uint32_t count, uint64_t /*offset*/) {
-                           uint32_t clear = 0;
-                           if (!_volume.allocation().isClear(block, count, clear, error)) {
-                               return false;
-                           }
-                           return clear == count ||
-                                  VZDefragFailInternal(error, kSource, kLineDestinationInUse);
-                       });
+    return _forEachRun(
+        &HFSPlusCopyEntry::destination, [&](uint32_t block, uint32_t count, uint64_t /*offset*/) {
+            uint32_t clear = 0;
+            if (!_volume.allocation().isClear(block, count, clear, error)) {
+                return false;
+            }
+            return clear == count || VZDefragFailInternal(error, kSource, kLineDestinationInUse);
+        });
 }
 
 template <typename Transfer>
@@ -185,27 +183,25 @@ bool HFSPlusCopyList::_forEachRun(uint32_t (HFSPlusCopyEntry::*firstBlock)() con
 bool HFSPlusCopyList::_readData(VZDefragErrorSlot error)
 {
     const uint64_t blockSize = _volume.hostVolumeHeader().blockSize;
-    return _forEachRun(&HFSPlusCopyEntry::source,
-                       [&](uint32_t block, uint32_t count, uint64_t offset) {
-                           if (offset != 0) {
-                               _volume.yieldGate();
-                           }
-                           return _volume.read(_buffer.data() + offset, count * blockSize,
-                                               block * blockSize, error);
-                       });
+    return _forEachRun(&HFSPlusCopyEntry::source, [&](uint32_t block, uint32_t count,
+                                                      uint64_t offset) {
+        if (offset != 0) {
+            _volume.yieldGate();
+        }
+        return _volume.read(_buffer.data() + offset, count * blockSize, block * blockSize, error);
+    });
 }
 
 bool HFSPlusCopyList::_writeData(VZDefragErrorSlot error)
 {
     const uint64_t blockSize = _volume.hostVolumeHeader().blockSize;
-    return _forEachRun(&HFSPlusCopyEntry::destination,
-                       [&](uint32_t block, uint32_t count, uint64_t offset) {
-                           if (offset != 0) {
-                               _volume.yieldGate();
-                           }
-                           return _volume.write(_buffer.data() + offset, count * blockSize,
-                                                block * blockSize, error);
-                       });
+    return _forEachRun(&HFSPlusCopyEntry::destination, [&](uint32_t block, uint32_t count,
+                                                           uint64_t offset) {
+        if (offset != 0) {
+            _volume.yieldGate();
+        }
+        return _volume.write(_buffer.data() + offset, count * blockSize, block * blockSize, error);
+    });
 }
 
 std::vector<HFSPlusCopyList::Group> HFSPlusCopyList::_groups() const
@@ -227,8 +223,7 @@ std::vector<HFSPlusCopyList::Group> HFSPlusCopyList::_groups() const
     return groups;
 }
 
-bool HFSPlusCopyList::_moveForks(HFSPlusExtentMap& map, bool countProgress,
-                                 VZDefragErrorSlot error)
+bool HFSPlusCopyList::_moveForks(HFSPlusExtentMap& map, bool countProgress, VZDefragErrorSlot error)
 {
     HFSPlusMovedForks forks(_volume, map);
     for (const Group& group : _groups()) {

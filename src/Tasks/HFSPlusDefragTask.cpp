@@ -26,8 +26,7 @@ std::string trimmed(std::string_view text)
 HFSPlusDefragTask::HFSPlusDefragTask(HFSPlusVolume& volume)
     : VZDefragTask(volume),
       _volume(volume),
-      _allocatedBlocks(volume.hostVolumeHeader().totalBlocks -
-                       volume.hostVolumeHeader().freeBlocks)
+      _allocatedBlocks(volume.hostVolumeHeader().totalBlocks - volume.hostVolumeHeader().freeBlocks)
 {
     setName("DEFRAG");
     setAction([this] { _defrag(); });
@@ -232,8 +231,7 @@ HFSPlusDefragTask::Front HFSPlusDefragTask::_frontEntry(const HFSPlusExtentMapEn
     if (entry.type() != kHFSPlusExtentAllocated) {
         return entry.type() == kHFSPlusExtentImmutable ? Front::kInPlace : Front::kStartHere;
     }
-    const auto fork =
-        HFSPlusForkExtents::initWithVolume(_volume, entry.cnid, entry.fork(), error);
+    const auto fork = HFSPlusForkExtents::initWithVolume(_volume, entry.cnid, entry.fork(), error);
     std::vector<HFSPlusHostExtentDescriptor> extents;
     if (fork == nullptr || !fork->copyExtentDescriptors(extents, entry.start, error)) {
         return Front::kFailed;
@@ -278,9 +276,8 @@ HFSPlusDefragTask::Front HFSPlusDefragTask::_frontEntryInProfile(
 void HFSPlusDefragTask::_startProgress()
 {
     const uint32_t total = _span->extentMap()->dataBlockTotal();
-    _progress->setBlocksTotal(_skippedBlocks <= total
-                                  ? total - static_cast<uint32_t>(_skippedBlocks)
-                                  : total);
+    _progress->setBlocksTotal(
+        _skippedBlocks <= total ? total - static_cast<uint32_t>(_skippedBlocks) : total);
     KLDebugLog(KLDebugLevel::kDebug, "%@,DEBUG,Starting at block %08X\n", name(),
                _span->extentMap()->firstEntry()->start);
     KLDebugLog(KLDebugLevel::kDebug, "%@,DEBUG,%08X blocks remaining to process\n", name(),

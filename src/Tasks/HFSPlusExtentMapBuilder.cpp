@@ -58,8 +58,8 @@ bool HFSPlusExtentMapBuilder::_fillExtentMap(VZDefragErrorSlot error)
     if (!_insertReservedAreas(error) || !_insertJournal(error) || !_insertBadBlocks(error)) {
         return false;
     }
-    for (const uint32_t fileID : {kHFSAllocationFileID, kHFSAttributesFileID, kHFSCatalogFileID,
-                                  kHFSExtentsFileID}) {
+    for (const uint32_t fileID :
+         {kHFSAllocationFileID, kHFSAttributesFileID, kHFSCatalogFileID, kHFSExtentsFileID}) {
         if (!_buildSpecialFileExtentMap(fileID, kHFSPlusExtentAllocated, error)) {
             return false;
         }
@@ -79,8 +79,8 @@ bool HFSPlusExtentMapBuilder::_insertReservedAreas(VZDefragErrorSlot error)
 {
     const HFSPlusHostVolumeHeader& header = _volume.hostVolumeHeader();
     const uint32_t info = HFSPlusExtentInfo(kHFSPlusExtentImmutable, kHFSDataForkType);
-    const auto bootBlocks = static_cast<uint32_t>(
-        (kHFSPlusReservedAreaSize + header.blockSize - 1) / header.blockSize);
+    const auto bootBlocks =
+        static_cast<uint32_t>((kHFSPlusReservedAreaSize + header.blockSize - 1) / header.blockSize);
     const uint32_t alternateBlocks = header.blockSize <= 512 ? 2 : 1;
     return _insertExtent(0, bootBlocks, 0, info, error) &&
            _insertExtent(header.totalBlocks - alternateBlocks, alternateBlocks, 0, info, error);
@@ -148,8 +148,7 @@ bool HFSPlusExtentMapBuilder::_insertBadBlocks(VZDefragErrorSlot error)
 bool HFSPlusExtentMapBuilder::_buildSpecialFileExtentMap(uint32_t fileID, HFSPlusExtentType type,
                                                          VZDefragErrorSlot error)
 {
-    const auto fork =
-        HFSPlusForkExtents::initWithVolume(_volume, fileID, kHFSDataForkType, error);
+    const auto fork = HFSPlusForkExtents::initWithVolume(_volume, fileID, kHFSDataForkType, error);
     std::vector<HFSPlusHostExtentDescriptor> extents;
     if (fork == nullptr || !fork->copyExtentDescriptors(extents, 0, error)) {
         return false;
@@ -281,8 +280,7 @@ bool HFSPlusExtentMapBuilder::_crossCheck(VZDefragErrorSlot error)
     return true;
 }
 
-bool HFSPlusExtentMapBuilder::_checkFreeRun(uint32_t start, uint32_t count,
-                                            VZDefragErrorSlot error)
+bool HFSPlusExtentMapBuilder::_checkFreeRun(uint32_t start, uint32_t count, VZDefragErrorSlot error)
 {
     HFSPlusAllocation& allocation = _volume.allocation();
     const uint32_t info = HFSPlusExtentInfo(kHFSPlusExtentImmutable, kHFSDataForkType);
@@ -312,8 +310,7 @@ bool HFSPlusExtentMapBuilder::_checkFreeRun(uint32_t start, uint32_t count,
     return true;
 }
 
-bool HFSPlusExtentMapBuilder::_checkUsedRun(uint32_t start, uint32_t count,
-                                            VZDefragErrorSlot error)
+bool HFSPlusExtentMapBuilder::_checkUsedRun(uint32_t start, uint32_t count, VZDefragErrorSlot error)
 {
     HFSPlusAllocation& allocation = _volume.allocation();
     while (count != 0) {

@@ -31,9 +31,8 @@ Extents extentsMissingIn(const Extents& extents, const Extents& others)
 HFSPlusForkExtents* HFSPlusMovedForks::openFork(uint32_t cnid, uint32_t info,
                                                 VZDefragErrorSlot error)
 {
-    const auto open = std::ranges::find_if(_openForks, [&](const OpenFork& fork) {
-        return fork.cnid == cnid && fork.info == info;
-    });
+    const auto open = std::ranges::find_if(
+        _openForks, [&](const OpenFork& fork) { return fork.cnid == cnid && fork.info == info; });
     if (open != _openForks.end()) {
         return open->extents.get();
     }
@@ -50,9 +49,8 @@ HFSPlusForkExtents* HFSPlusMovedForks::openFork(uint32_t cnid, uint32_t info,
 
 bool HFSPlusMovedForks::updateFork(uint32_t cnid, uint32_t info, VZDefragErrorSlot error)
 {
-    const auto open = std::ranges::find_if(_openForks, [&](const OpenFork& fork) {
-        return fork.cnid == cnid && fork.info == info;
-    });
+    const auto open = std::ranges::find_if(
+        _openForks, [&](const OpenFork& fork) { return fork.cnid == cnid && fork.info == info; });
     if (open == _openForks.end()) {
         return true;
     }
