@@ -56,12 +56,11 @@ bool HFSPlusBTreeBulkIterator::_copyMap(VZDefragErrorSlot error)
     uint32_t recordIndex = kHeaderMapRecord;
     // Each node is visited once at most, whatever its link says.
     for (uint32_t step = 0; step < _btree.nodeCount() && copied < _mapSize; ++step) {
-        const HFSPlusCachedNode node =
-            _btree.soundNodeWithIndex(nodeIndex, kMapInconsistent, error);
+        const HFSPlusCachedNode node = _btree.cachedNodeWithIndex(nodeIndex, {}, error);
         if (!node) {
             return false;
         }
-        if (recordIndex >= node->recordCount()) {
+        if (!node->hasSoundRecords() || recordIndex >= node->recordCount()) {
             return VZDefragFail(error, kMapInconsistent);
         }
         const std::span<const uint8_t> record = node->recordAtIndex(recordIndex);
@@ -94,10 +93,14 @@ void HFSPlusBTreeBulkIterator::_skipFreeNodes()
     }
 }
 
+size_t HFSPlusBTreeBulkIterator::_bufferOffset(uint32_t index) const
+{
+    return size_t{index - _bufferBaseIndex} * _btree.nodeSize();
+}
+
 std::span<const uint8_t> HFSPlusBTreeBulkIterator::_nodeBytes(uint32_t index) const
 {
-    const size_t offset = size_t{index - _bufferBaseIndex} * _btree.nodeSize();
-    return {_bufferData.get() + offset, _btree.nodeSize()};
+    return {_bufferData.get() + _bufferOffset(index), _btree.nodeSize()};
 }
 
 /** Reads from _nextNodeIndex on and leaves the nodes in use in the tree's cache. */
@@ -112,6 +115,7 @@ bool HFSPlusBTreeBulkIterator::_fillBuffer(VZDefragErrorSlot error)
     }
     _bufferBaseIndex = _nextNodeIndex;
     _bufferValid = true;
+    _refreshBuffer(count);
     for (uint32_t index = _bufferBaseIndex; index - _bufferBaseIndex < count; ++index) {
         // Given back at once: only its place in the cache is wanted.
         if (_isNodeInUse(index) && !_btree.cachedNodeWithIndex(index, _nodeBytes(index), error)) {
@@ -119,6 +123,21 @@ bool HFSPlusBTreeBulkIterator::_fillBuffer(VZDefragErrorSlot error)
         }
     }
     return true;
+}
+
+/** Puts what the cache holds over what the disk held.
+ *
+ *  A changed node may be evicted while the others of the buffer enter the cache; coming back from
+ *  the buffer it must not be what it was before the change.
+ */
+void HFSPlusBTreeBulkIterator::_refreshBuffer(uint32_t count)
+{
+    for (uint32_t index = _bufferBaseIndex; index - _bufferBaseIndex < count; ++index) {
+        const HFSPlusBTreeNode* const node = _btree.nodeInCache(index);
+        if (node != nullptr && node->dirty()) {
+            std::ranges::copy(node->bytes(), _bufferData.get() + _bufferOffset(index));
+        }
+    }
 }
 
 bool HFSPlusBTreeBulkIterator::nextCachedNode(HFSPlusCachedNode& node, VZDefragErrorSlot error)

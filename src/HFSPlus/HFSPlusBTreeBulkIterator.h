@@ -5,7 +5,8 @@
 /** The nodes of a tree that are in use, in the order of the file, read a megabyte at a time.
  *
  *  Every node read goes through the tree's cache, so what was changed in memory is what is seen,
- *  and the nodes stay there for whoever looks next. Used by the thread that uses the tree.
+ *  and the nodes stay there for whoever looks next. The tree is not changed between two steps.
+ *  Used by the thread that uses the tree.
  */
 class HFSPlusBTreeBulkIterator {
 public:
@@ -23,6 +24,8 @@ private:
     [[nodiscard]] bool _isNodeInUse(uint32_t index) const;
     void _skipFreeNodes();
     [[nodiscard]] bool _fillBuffer(VZDefragErrorSlot error);
+    void _refreshBuffer(uint32_t count);
+    [[nodiscard]] size_t _bufferOffset(uint32_t index) const;  // bytes
     [[nodiscard]] std::span<const uint8_t> _nodeBytes(uint32_t index) const;
 
     HFSPlusBTreeFile& _btree;

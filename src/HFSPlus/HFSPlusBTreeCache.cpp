@@ -52,6 +52,12 @@ HFSPlusCachedNode HFSPlusBTreeFile::soundNodeWithIndex(uint32_t index, std::stri
     return node;
 }
 
+const HFSPlusBTreeNode* HFSPlusBTreeFile::nodeInCache(uint32_t index) const
+{
+    const auto entry = _nodeCacheTOC.find(index);
+    return entry == _nodeCacheTOC.end() ? nullptr : entry->second.get();
+}
+
 void HFSPlusBTreeFile::_retain(HFSPlusBTreeNode& node)
 {
     if (node._cacheRetainCount++ > 0) {

@@ -43,6 +43,10 @@ public:
     [[nodiscard]] HFSPlusCachedNode soundNodeWithIndex(uint32_t index, std::string_view message,
                                                        VZDefragErrorSlot error);
 
+    /** Node @p index when it is in the cache, else null. Not referenced: good until the next node
+     *  is taken or given back. */
+    [[nodiscard]] const HFSPlusBTreeNode* nodeInCache(uint32_t index) const;
+
     /** The first node that the map shows free; 0 for none. Not checked against nodeCount(). */
     [[nodiscard]] uint32_t getNextFreeNodeIndex() const;
     void markNodeAsUsed(uint32_t index);

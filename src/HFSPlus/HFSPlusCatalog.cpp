@@ -1,32 +1,20 @@
 #include "HFSPlus/HFSPlusCatalog.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 
+#include "HFSPlus/HFSPlusCatalogPath.h"
 #include "HFSPlus/HFSPlusFormatConversion.h"
 #include "HFSPlus/HFSPlusUnicode.h"
 #include "HFSPlus/HFSPlusVolume.h"
 #include "KLKit/KLDebug.h"
 #include "KLKit/KLStringUtilities.h"
-#include "VZDefragStringUtilities.h"
 
 namespace {
 
 constexpr uint32_t kNodeCacheSize = 32 * 1024 * 1024;  // bytes
-constexpr size_t kPathBufferLength = 1024;             // UTF-16 units
-
-// The numbers in "An error %1$ld occurred.".
-constexpr int kNotUnicodeStatus = EILSEQ;
-constexpr int kDecomposedNameTooLongStatus = E2BIG;
-
 constexpr std::string_view kCatalogInconsistent = "Catalog file is inconsistent.";
 constexpr std::string_view kVolumeInconsistent = "Volume is inconsistent.";
-constexpr std::string_view kComponentTooLong =
-    "Unicode path conversion failed. A path component exceeded the maximum allowed length.";
-constexpr std::string_view kConversionFailed =
-    "Unicode path conversion failed. An error %1$ld occurred.";
-
 int compareNumbers(uint32_t left, uint32_t right)
 {
     return left == right ? 0 : left < right ? -1 : 1;
@@ -40,85 +28,6 @@ int compareKeys(std::span<const uint8_t> left, std::span<const uint8_t> right)
     return order != 0 ? order
                       : CompareNames(HFSPlusCatalogKeyName(left), HFSPlusCatalogKeyName(right));
 }
-
-/** A component of a path as names are stored: decomposed, at most 255 units. */
-bool convertComponent(std::string_view component, std::u16string& name, VZDefragErrorSlot error)
-{
-    std::u16string units;
-    if (!unicodeUnitsOfString(component, units)) {
-        return VZDefragFail(error, kConversionFailed, kNotUnicodeStatus);
-    }
-    if (units.size() > kHFSPlusMaxFileNameLength) {
-        return VZDefragFail(error, kComponentTooLong);
-    }
-    name = HFSPlusDecomposedName(units);
-    if (name.size() > kHFSPlusMaxFileNameLength) {
-        return VZDefragFail(error, kConversionFailed, kDecomposedNameTooLongStatus);
-    }
-    return true;
-}
-
-/** Takes the first component off @p path; false when only separators are left. */
-bool takeComponent(std::string_view& path, std::string_view& component)
-{
-    const size_t start = path.find_first_not_of('/');
-    if (start == std::string_view::npos) {
-        return false;
-    }
-    path.remove_prefix(start);
-    component = path.substr(0, path.find('/'));
-    path.remove_prefix(component.size());
-    return true;
-}
-
-/** The fixed name of a file that has no catalog record, or an empty text. */
-std::string_view nameOfSpecialFile(uint32_t cnid)
-{
-    switch (cnid) {
-        case kHFSExtentsFileID:
-            return "(HFS+ Extents File)";
-        case kHFSCatalogFileID:
-            return "(HFS+ Catalog File)";
-        case kHFSBadBlockFileID:
-            return "(HFS+ Bad Block File)";
-        case kHFSAllocationFileID:
-            return "(HFS+ Allocation File)";
-        case kHFSStartupFileID:
-            return "(HFS+ Startup File)";
-        case kHFSAttributesFileID:
-            return "(HFS+ Attributes File)";
-        default:
-            return {};
-    }
-}
-
-/** A path that grows towards the front, in a buffer that also ends every loop of parents. */
-class PathBuffer {
-public:
-    /** False when "/" and @p name (big-endian units) do not fit. */
-    [[nodiscard]] bool prependComponent(std::span<const uint8_t> name)
-    {
-        const size_t length = name.size() / 2;
-        if (length + 1 > _start) {
-            return false;
-        }
-        _start -= length + 1;
-        _units[_start] = u'/';
-        for (size_t index = 0; index < length; ++index) {
-            const auto unit = static_cast<uint16_t>(name[2 * index] << 8 | name[2 * index + 1]);
-            _units[_start + 1 + index] = unit == u'/' ? u':' : unit;
-        }
-        return true;
-    }
-    [[nodiscard]] std::string string() const
-    {
-        return stringWithUnicodeUnits(std::span<const uint16_t>(_units).subspan(_start));
-    }
-
-private:
-    std::array<uint16_t, kPathBufferLength> _units;
-    size_t _start = kPathBufferLength;
-};
 
 void copyKey(HFSPlusCatalogLookupRecord& record, std::span<const uint8_t> key)
 {
@@ -327,10 +236,10 @@ bool HFSPlusCatalog::copyRecordForPath(HFSPlusCatalogLookupRecord& record, std::
     record.recordType = 0;
     uint32_t parentID = kHFSRootFolderID;
     std::string_view component;
-    while (takeComponent(path, component)) {
+    while (HFSPlusTakePathComponent(path, component)) {
         std::u16string name;
         bool found = false;
-        if (!convertComponent(component, name, error) ||
+        if (!HFSPlusCatalogName(component, name, error) ||
             !_copyRecordForKey(record, HFSPlusCatalogKey(parentID, name), found, error)) {
             return false;
         }
@@ -355,11 +264,11 @@ bool HFSPlusCatalog::copyRecordForPath(HFSPlusCatalogLookupRecord& record, std::
 
 bool HFSPlusCatalog::copyPathForCNID(std::string& path, uint32_t cnid, VZDefragErrorSlot error)
 {
-    path = nameOfSpecialFile(cnid);
+    path = HFSPlusSpecialFileName(cnid);
     if (!path.empty()) {
         return true;
     }
-    PathBuffer buffer;
+    HFSPlusCatalogPath buffer;
     uint32_t current = cnid;
     // Every step takes room in the buffer, so parents that form a loop run out of it.
     while (current > kHFSRootFolderID) {
@@ -371,8 +280,8 @@ bool HFSPlusCatalog::copyPathForCNID(std::string& path, uint32_t cnid, VZDefragE
         if (!found) {
             return true;
         }
-        if (!buffer.prependComponent(key.name())) {
-            return VZDefragFail(error, kComponentTooLong);
+        if (!buffer.prependName(key.name(), error)) {
+            return false;
         }
         current = key.parentID();
     }
