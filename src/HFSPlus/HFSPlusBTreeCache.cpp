@@ -2,12 +2,13 @@
 #include <utility>
 
 #include "HFSPlus/HFSPlusBTreeFile.h"
-#include "HFSPlus/HFSPlusBTreeRehearsal.h"
-#include "HFSPlus/HFSPlusVolume.h"
+#include "HFSPlus/HFSPlusBTreeSnapshot.h"
+#include "HFSPlus/HFSPlusBTreeTransaction.h"
 #include "KLKit/KLDebug.h"
 
 // The node cache of HFSPlusBTreeFile: references, the queue of nodes without any, eviction, and
-// the rehearsals that put nodes back as they were.
+// the
+// transactions that put nodes back as they were.
 
 HFSPlusCachedNode HFSPlusBTreeFile::cachedNodeWithIndex(uint32_t index,
                                                         std::span<const uint8_t> data,
@@ -30,9 +31,9 @@ HFSPlusCachedNode HFSPlusBTreeFile::cachedNodeWithIndex(uint32_t index,
         _retain(*entry->second);
     }
     HFSPlusBTreeNode& node = *entry->second;
-    if (_rehearsal != nullptr && !_rehearsal->nodes.contains(index)) {
+    if (_snapshot != nullptr && !_snapshot->nodes.contains(index)) {
         const std::span<const uint8_t> bytes = node.bytes();
-        _rehearsal->nodes[index] = {{bytes.begin(), bytes.end()}, node.dirty()};
+        _snapshot->nodes[index] = {{bytes.begin(), bytes.end()}, node.dirty()};
     }
     return {*this, node};
 }
@@ -173,30 +174,62 @@ void HFSPlusBTreeFile::_requeueParkedNodes()
     _parkedNodes.clear();
 }
 
-void HFSPlusBTreeFile::_beginRehearsal()
+bool HFSPlusBTreeFile::_isReferenced(uint32_t index) const
 {
-    _rehearsal = std::make_unique<Rehearsal>();
-    _rehearsal->hostHeaderRec = _hostHeaderRec;
-    _rehearsal->freeNodeMap = _freeNodeMap;
-    _rehearsal->updated = _updated;
-    _rehearsal->heldWrites = _holdsWrites;
+    const auto entry = _nodeCacheTOC.find(index);
+    return entry != _nodeCacheTOC.end() && entry->second->_cacheRetainCount > 0;
+}
+
+void HFSPlusBTreeFile::_beginTransaction()
+{
+    if (_snapshot != nullptr) {
+        KLPanic("a transaction began inside another\n");
+    }
+    _snapshot = std::make_unique<Snapshot>();
+    _snapshot->hostHeaderRec = _hostHeaderRec;
+    _snapshot->freeNodeMap = _freeNodeMap;
+    _snapshot->updated = _updated;
+    _snapshot->heldWrites = _holdsWrites;
     setHoldsWrites(true);
 }
 
-void HFSPlusBTreeFile::_endRehearsal()
+void HFSPlusBTreeFile::_commit()
+{
+    setHoldsWrites(_snapshot->heldWrites);
+    _snapshot = nullptr;
+}
+
+void HFSPlusBTreeFile::_rollBack()
 {
     // A changed node cannot have left the cache, as writes are held; a node that did leave was
     // clean, so the disk still holds it as it was.
-    for (const auto& [index, image] : _rehearsal->nodes) {
+    for (const auto& [index, image] : _snapshot->nodes) {
         const auto entry = _nodeCacheTOC.find(index);
         if (entry != _nodeCacheTOC.end()) {
             std::memcpy(entry->second->_data.get(), image.bytes.data(), image.bytes.size());
             entry->second->_dirty = image.dirty;
         }
     }
-    _hostHeaderRec = _rehearsal->hostHeaderRec;
-    _freeNodeMap = std::move(_rehearsal->freeNodeMap);
-    _updated = _rehearsal->updated;
-    setHoldsWrites(_rehearsal->heldWrites);
-    _rehearsal = nullptr;
+    _hostHeaderRec = _snapshot->hostHeaderRec;
+    _freeNodeMap = std::move(_snapshot->freeNodeMap);
+    _updated = _snapshot->updated;
+    _commit();
+}
+
+HFSPlusBTreeTransaction::HFSPlusBTreeTransaction(HFSPlusBTreeFile& btree) : _btree(&btree)
+{
+    btree._beginTransaction();
+}
+
+HFSPlusBTreeTransaction::~HFSPlusBTreeTransaction()
+{
+    if (_btree != nullptr) {
+        _btree->_rollBack();
+    }
+}
+
+void HFSPlusBTreeTransaction::commit()
+{
+    _btree->_commit();
+    _btree = nullptr;
 }

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <unordered_set>
 
-#include "HFSPlus/HFSPlusBTreeRehearsal.h"
+#include "HFSPlus/HFSPlusBTreeSnapshot.h"
 #include "HFSPlus/HFSPlusFormatConversion.h"
 #include "HFSPlus/HFSPlusVolume.h"
 #include "KLKit/KLDebug.h"

@@ -71,22 +71,18 @@ protected:
     void _clearTree();                  // depth, root, leaf count, first and last leaf become 0
     void _setRootLeaf(uint32_t index);  // the tree becomes this one leaf without records
 
-    /** From here on every node is remembered as it was when first taken, until _endRehearsal().
-     *
-     *  Nothing may be flushed and no node be held meanwhile.
-     */
-    void _beginRehearsal();
-    /** Takes back every change since _beginRehearsal(). */
-    void _endRehearsal();
+    /** Whether somebody holds node @p index. */
+    [[nodiscard]] bool _isReferenced(uint32_t index) const;
 
     BTHostHeaderRec _hostHeaderRec = {};
     std::vector<uint8_t> _freeNodeMap;
     bool _updated = false;  // header record or map changed since the last flush
 
 private:
+    friend class HFSPlusBTreeTransaction;
     friend class HFSPlusCachedNode;
 
-    struct Rehearsal;  // what _endRehearsal() puts back
+    struct Snapshot;  // what _rollBack() puts back
 
     [[nodiscard]] bool _checkHeader(VZDefragErrorSlot error) const;
     [[nodiscard]] bool _loadMapRecords(VZDefragErrorSlot error);
@@ -100,6 +96,9 @@ private:
     void _cachedNodeDealloc(HFSPlusBTreeNode& node);
     void _unlinkFromQueue(HFSPlusBTreeNode& node);
     void _requeueParkedNodes();
+    void _beginTransaction();
+    void _commit();
+    void _rollBack();
 
     std::unordered_map<uint32_t, std::unique_ptr<HFSPlusBTreeNode>> _nodeCacheTOC;
     uint64_t _nodeCacheCount = 0;                 // unreferenced nodes
@@ -107,6 +106,6 @@ private:
     HFSPlusBTreeNode* _nodeCacheQHead = nullptr;  // most recently released
     HFSPlusBTreeNode* _nodeCacheQTail = nullptr;
     bool _holdsWrites = false;
-    std::vector<uint32_t> _parkedNodes;  // left the queue's tail while writes were held
-    std::unique_ptr<Rehearsal> _rehearsal;
+    std::vector<uint32_t> _parkedNodes;   // left the queue's tail while writes were held
+    std::unique_ptr<Snapshot> _snapshot;  // null outside a transaction
 };

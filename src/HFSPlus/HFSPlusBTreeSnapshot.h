@@ -6,8 +6,8 @@
 
 #include "HFSPlus/HFSPlusBTreeFile.h"
 
-/** A tree as it was before a rehearsal: header record, map and the nodes taken since. */
-struct HFSPlusBTreeFile::Rehearsal {
+/** A tree as it was when a transaction began: header record, map and the nodes taken since. */
+struct HFSPlusBTreeFile::Snapshot {
     struct NodeImage {
         std::vector<uint8_t> bytes;
         bool dirty = false;
