@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "support/HFSPlusVolumeBuilderNames.h"
+#include "support/HFSPlusVolumeBuilderPatcher.h"
 #include "support/HFSPlusVolumeBuilderWriter.h"
 #include "support/SparseFileSink.h"
 #include "support/SparseMemorySink.h"
@@ -47,6 +48,13 @@ bool HFSPlusVolumeBuilder::writeTo(SparseSink& sink)
     if (!writer.write()) {
         _error = "the volume could not be written";
         return false;
+    }
+    HFSPlusVolumeBuilderPatcher patcher(*plan, sink);
+    for (size_t index = 0; index < _spec.damages.size(); index++) {
+        if (!_spec.damages[index](patcher)) {
+            _error = "damage " + std::to_string(index) + " hits nothing";
+            return false;
+        }
     }
     return true;
 }

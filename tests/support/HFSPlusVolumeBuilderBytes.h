@@ -35,11 +35,12 @@ public:
 
     void put(uint64_t value, size_t size)
     {
-        _bytes.resize(_bytes.size() + size);
-        putBigEndian(_bytes.data() + _bytes.size() - size, value, size);
+        for (size_t index = size; index > 0; index--) {
+            _bytes.push_back(static_cast<uint8_t>(value >> (8 * (index - 1))));
+        }
     }
 
-    void zeros(size_t count) { _bytes.resize(_bytes.size() + count); }
+    void zeros(size_t count) { _bytes.insert(_bytes.end(), count, 0); }
 
     void units(const std::u16string& name)
     {

@@ -64,7 +64,6 @@ bool HFSPlusVolumeBuilderPlan::_placeTree(const HFSPlusBuilderTree& shape,
         error = "a tree does not fit its nodes";
         return false;
     }
-    tree.shuffled = shape.shuffled;
     tree.extents = shape.extents;
     if (!tree.extents.empty()) {
         return true;

@@ -74,6 +74,25 @@ bool HFSPlusBuilderTreePlan::plan(const HFSPlusBuilderTree& shape, uint32_t bloc
         capacity += uint64_t{extent.blockCount} * blockSize;
     }
     capacity /= nodeSize;
+    const uint64_t total = _totalFor(shape, blockSize, capacity);
+    const uint64_t used = uint64_t{1} + mapNodes + treeNodes;
+    if (total > UINT32_MAX || used > total || (capacity != 0 && total > capacity)) {
+        return false;
+    }
+    totalNodes = static_cast<uint32_t>(total);
+    freeNodes = static_cast<uint32_t>(total - used);
+    shuffled = shape.shuffled;
+    if (treeNodes != 0) {
+        firstLeafNode = nodeNumber(0);
+        lastLeafNode = nodeNumber(leafNodes - 1);
+        rootNode = nodeNumber(treeNodes - 1);
+    }
+    return true;
+}
+
+uint64_t HFSPlusBuilderTreePlan::_totalFor(const HFSPlusBuilderTree& shape, uint32_t blockSize,
+                                           uint64_t capacity)
+{
     const uint32_t wishedFree = shape.freeNodes.value_or(std::max(kLeastFreeNodes, treeNodes / 4));
     uint64_t total = shape.totalNodes.value_or(0);
     if (total == 0 && !shape.freeNodes.has_value()) {
@@ -94,13 +113,7 @@ bool HFSPlusBuilderTreePlan::plan(const HFSPlusBuilderTree& shape, uint32_t bloc
             }
         } while (total != settled);
     }
-    const uint64_t used = uint64_t{1} + mapNodes + treeNodes;
-    if (total > UINT32_MAX || used > total || (capacity != 0 && total > capacity)) {
-        return false;
-    }
-    totalNodes = static_cast<uint32_t>(total);
-    freeNodes = static_cast<uint32_t>(total - used);
-    return true;
+    return total;
 }
 
 HFSPlusVolumeBuilderTree::HFSPlusVolumeBuilderTree(const HFSPlusBuilderTree& shape,
@@ -121,10 +134,12 @@ bool HFSPlusVolumeBuilderTree::finish()
 {
     if (_sequence == 0) {
         _plan.treeNodes = 0;
+        _plan.leafNodes = 0;
         return true;
     }
     _plan.firstLeafNode = _plan.nodeNumber(0);
     _plan.lastLeafNode = _plan.nodeNumber(_sequence - 1);
+    _plan.leafNodes = _sequence;
     if (!_endNode(true)) {
         return false;
     }
@@ -209,7 +224,7 @@ bool HFSPlusVolumeBuilderTree::_put(std::span<const uint8_t> key, std::span<cons
 
 void HFSPlusVolumeBuilderTree::_startNode(std::span<const uint8_t> key)
 {
-    std::ranges::fill(_node, uint8_t{0});
+    _node.assign(_plan.nodeSize, 0);
     _offsets.assign(1, kDescriptorSize);
     _firstKeys.emplace_back(std::string(key.begin(), key.end()), _plan.nodeNumber(_sequence));
     _sequence++;

@@ -22,6 +22,7 @@ struct HFSPlusBuilderTreePlan {
     uint32_t nodeSize = 0;   // bytes
     uint32_t mapNodes = 0;   // nodes 1 to mapNodes
     uint32_t treeNodes = 0;  // leaf and index nodes
+    uint32_t leafNodes = 0;
     uint32_t totalNodes = 0;
     uint32_t freeNodes = 0;
     uint32_t leafRecords = 0;
@@ -36,8 +37,13 @@ struct HFSPlusBuilderTreePlan {
 
     [[nodiscard]] uint64_t logicalSize() const { return uint64_t{totalNodes} * nodeSize; }
 
-    /** Fixes the number of nodes for @p shape, its extents included when they were given. */
+    /** Numbers the nodes and fixes how many there are, for @p shape, its extents included when they
+     * were given. */
     [[nodiscard]] bool plan(const HFSPlusBuilderTree& shape, uint32_t blockSize);
+
+private:
+    [[nodiscard]] uint64_t _totalFor(const HFSPlusBuilderTree& shape, uint32_t blockSize,
+                                     uint64_t capacity);
 };
 
 /** Loads a B-tree from records in ascending order, one node of each level in memory at a time.
