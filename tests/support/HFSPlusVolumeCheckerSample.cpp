@@ -17,11 +17,21 @@ bool HFSPlusCheckPatchedReader::read(void* buffer, size_t nbyte, uint64_t offset
 }
 
 HFSPlusCheckSample::HFSPlusCheckSample(const std::string& name)
-    : _file(HFSPlusCheckFileReader::initWithPath(std::string(VZ_SAMPLE_VOLUMES_DIR) + "/" + name +
-                                                 ".img"))
+    : _whole(HFSPlusCheckFileReader::initWithPath(std::string(VZ_SAMPLE_VOLUMES_DIR) + "/" + name +
+                                                  ".img"))
 {
-    if (_file != nullptr) {
-        _patched = std::make_unique<HFSPlusCheckPatchedReader>(*_file);
+    if (_whole != nullptr) {
+        _patched = std::make_unique<HFSPlusCheckPatchedReader>(*_whole);
+        _sound = checkHFSPlusVolume(*_patched);
+    }
+}
+
+HFSPlusCheckSample::HFSPlusCheckSample(std::unique_ptr<MemoryBlockDevice> device)
+    : _device(std::move(device))
+{
+    if (_device != nullptr) {
+        _whole = std::make_unique<HFSPlusCheckDeviceReader>(*_device);
+        _patched = std::make_unique<HFSPlusCheckPatchedReader>(*_whole);
         _sound = checkHFSPlusVolume(*_patched);
     }
 }

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "support/HFSPlusVolumeChecker.h"
+#include "support/MemoryBlockDevice.h"
 
 /** A reader with some bytes changed, so that damage needs no copy of the volume. */
 class HFSPlusCheckPatchedReader final : public HFSPlusCheckReader {
@@ -25,7 +26,7 @@ private:
     std::map<uint64_t, uint8_t> _patches;
 };
 
-/** A sound sample volume and the places in it that a test damages. Nothing reaches the image. */
+/** A sound volume and the places in it that a test damages. Nothing reaches the image. */
 class HFSPlusCheckSample {
 public:
     /** A byte of a special file, or of the volume when cnid is 0. */
@@ -41,7 +42,10 @@ public:
     static constexpr uint32_t kAllocationFile = 6;
     static constexpr uint32_t kAttributesFile = 8;
 
+    /** Takes a sample volume by its name. */
     explicit HFSPlusCheckSample(const std::string& name);
+    /** Takes a built volume; null makes a volume that is not sound. */
+    explicit HFSPlusCheckSample(std::unique_ptr<MemoryBlockDevice> device);
 
     /** Whether the image could be read and is sound as it is. */
     [[nodiscard]] bool isSound() const { return _sound.consistent; }
@@ -74,7 +78,8 @@ public:
 private:
     [[nodiscard]] uint64_t _deviceByte(Place place) const;
 
-    std::unique_ptr<HFSPlusCheckFileReader> _file;
+    std::unique_ptr<MemoryBlockDevice> _device;
+    std::unique_ptr<HFSPlusCheckReader> _whole;
     std::unique_ptr<HFSPlusCheckPatchedReader> _patched;
     HFSPlusCheckResult _sound;
 };
