@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr const char* kSource = "src/Tasks/HFSPlusCopyEngine.cpp";
+constexpr const char* kSource = "Tasks/HFSPlusCopyEngine.cpp";
 constexpr unsigned kLineZoneBeyondMap = 171;
 constexpr unsigned kLineMapEmpty = 238;
 constexpr unsigned kLineFrontNotFree = 241;

@@ -16,7 +16,7 @@
 
 namespace {
 
-constexpr const char* kSource = "src/Tasks/HFSPlusCopyList.cpp";
+constexpr const char* kSource = "Tasks/HFSPlusCopyList.cpp";
 constexpr unsigned kLineListBeyondBuffer = 61;
 constexpr unsigned kLineDestinationInUse = 152;
 

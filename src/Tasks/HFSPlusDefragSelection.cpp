@@ -6,7 +6,7 @@
 
 namespace {
 
-constexpr const char* kSource = "src/Tasks/HFSPlusDefragSelection.cpp";
+constexpr const char* kSource = "Tasks/HFSPlusDefragSelection.cpp";
 constexpr unsigned kLineListEmpty = 47;
 constexpr unsigned kLineEntryWithoutOwner = 91;
 constexpr unsigned kLineProfileEmpty = 103;

@@ -16,7 +16,7 @@
 
 namespace {
 
-constexpr const char* kSource = "src/Tasks/HFSPlusExtentMapBuilder.cpp";
+constexpr const char* kSource = "Tasks/HFSPlusExtentMapBuilder.cpp";
 constexpr unsigned kLineBitmapWithoutState = 251;
 
 constexpr uint32_t kInfoOfLastImmutable = 0x00FFFFFF;

@@ -1,0 +1,63 @@
+#include "Tasks/DefragRun.h"
+
+#include <cstdio>
+#include <sstream>
+
+std::string DefragOutput::error() const
+{
+    const std::string head = "DEFRAG,ERROR,";
+    for (const std::string& line : lines) {
+        if (line.starts_with(head)) {
+            return line.substr(head.size());
+        }
+    }
+    return "";
+}
+
+bool DefragOutput::isWhole() const
+{
+    return lines.size() >= 2 && lines.front() == "DEFRAG,START" && lines.back() == "DEFRAG,DONE";
+}
+
+std::vector<DefragMove> DefragOutput::moves() const
+{
+    std::vector<DefragMove> moves;
+    for (const std::string& line : lines) {
+        DefragMove move;
+        if (std::sscanf(line.c_str(), "DEFRAG,PROGRESS,%d,%u,%u,%u,%u", &move.percent,
+                        &move.source, &move.destination, &move.count,
+                        &move.allocatedBlocks) == 5) {
+            moves.push_back(move);
+        }
+    }
+    return moves;
+}
+
+DefragOutput runDefrag(HFSPlusVolume& volume, uint64_t bufferSize, std::vector<std::string> words,
+                       const std::function<void(HFSPlusDefragTask&)>& prepare)
+{
+    std::promise<void> ended;
+    const auto task = std::make_shared<HFSPlusDefragTask>(volume);
+    task->setCopyBufferSize(bufferSize);
+    task->setArguments(std::move(words));
+    if (prepare != nullptr) {
+        prepare(*task);
+    }
+    KLNotificationCenter::defaultCenter().addObserver(
+        KLToolTaskDidTerminateNotification,
+        [&](const std::shared_ptr<KLToolTask>& /*object*/) { ended.set_value(); });
+    std::string text;
+    {
+        const StandardOutputCapture capture;
+        task->start();
+        ended.get_future().wait();
+        text = capture.text();
+    }
+    KLNotificationCenter::defaultCenter().removeAllObservers();
+    DefragOutput output;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) {
+        output.lines.push_back(line);
+    }
+    return output;
+}

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <functional>
+#include <future>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "KLKit/KLNotificationCenter.h"
+#include "KLKit/KLStringUtilities.h"
+#include "Tasks/HFSPlusDefragTask.h"
+#include "base/StandardOutputCapture.h"
+
+/** One move as a line of output tells it. */
+struct DefragMove {
+    int percent = 0;
+    uint32_t source = 0;
+    uint32_t destination = 0;
+    uint32_t count = 0;
+    uint32_t allocatedBlocks = 0;
+};
+
+/** What a run of DEFRAG printed. */
+struct DefragOutput {
+    std::vector<std::string> lines;
+
+    [[nodiscard]] std::string error() const;
+    [[nodiscard]] bool isWhole() const;
+    [[nodiscard]] std::vector<DefragMove> moves() const;
+};
+
+/** Runs DEFRAG with the given words on @p volume, in memory, to its end.
+ *
+ *  Cycles carry @p bufferSize bytes, since the default would take a small volume whole.
+ */
+[[nodiscard]] DefragOutput runDefrag(
+    HFSPlusVolume& volume, uint64_t bufferSize, std::vector<std::string> words = {"DEFRAG"},
+    const std::function<void(HFSPlusDefragTask&)>& prepare = nullptr);
