@@ -51,6 +51,9 @@ void closeDescriptor(int& descriptor)
     if (setup.inputClosed) {
         ::close(STDIN_FILENO);
     }
+    if (setup.outputClosed) {
+        ::close(STDOUT_FILENO);
+    }
     ::execv(setup.program.c_str(), words.data());
     ::_exit(127);
 }

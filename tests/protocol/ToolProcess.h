@@ -22,6 +22,7 @@ public:
         std::map<std::string, std::string> environment = {};  // added to ours
         std::optional<std::string> inputPath = {};            // a file instead of the pipe
         bool inputClosed = false;                             // no standard input at all
+        bool outputClosed = false;                            // no standard output at all
     };
 
     explicit ToolProcess(const Setup& setup);

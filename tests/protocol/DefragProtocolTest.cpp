@@ -1,0 +1,117 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "protocol/ToolProcess.h"
+#include "protocol/VolumeImage.h"
+#include "support/HFSPlusVolumeBuilder.h"
+
+namespace {
+
+/** A volume whose files lie in alternating single blocks. */
+HFSPlusVolumeBuilder fragmentedVolume()
+{
+    constexpr uint32_t kFiles = 40;
+    constexpr uint32_t kPieces = 8;
+    HFSPlusVolumeBuilder builder;
+    builder.blockSize(4096).totalBlocks(4000);
+    for (uint32_t file = 0; file < kFiles; ++file) {
+        HFSPlusBuilderExtents extents;
+        for (uint32_t piece = 0; piece < kPieces; ++piece) {
+            extents.push_back({2000 + piece * 2 * kFiles + file * 2, 1});
+        }
+        builder.file("/file" + std::to_string(file), 100 + file).data(extents);
+    }
+    return builder;
+}
+
+/** The lines of a DEFRAG from its start to its end, and the seconds that it took. */
+struct Transcript {
+    std::vector<std::string> lines;
+    double seconds = 0;
+
+    [[nodiscard]] std::vector<std::string> progress() const
+    {
+        std::vector<std::string> values;
+        for (const std::string& line : lines) {
+            if (line.starts_with("DEFRAG,PROGRESS,")) {
+                values.push_back(line);
+            }
+        }
+        return values;
+    }
+};
+
+Transcript defragWithInterval(const std::string& interval)
+{
+    HFSPlusVolumeBuilder builder = fragmentedVolume();
+    const VolumeImage image(builder);
+    ToolProcess process(
+        {.program = VZDEFRAG_PROGRAM, .arguments = {"--interval", interval, image.path()}});
+    EXPECT_EQ(process.readLine(), "READY");
+
+    Transcript run;
+    const auto start = std::chrono::steady_clock::now();
+    process.write("DEFRAG\n");
+    while (const auto line = process.readLine()) {
+        run.lines.push_back(*line);
+        if (*line == "DEFRAG,DONE") {
+            break;
+        }
+    }
+    run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    process.closeInput();
+    EXPECT_EQ(process.readToEnd(), "");
+    EXPECT_EQ(process.wait(), 0);
+    return run;
+}
+
+TEST(DefragProtocol, ARunBeginsWithItsStartLineAndEndsWithItsDoneLine)
+{
+    const Transcript run = defragWithInterval("1");
+
+    ASSERT_GE(run.lines.size(), 3U);
+    EXPECT_EQ(run.lines.front(), "DEFRAG,START");
+    EXPECT_EQ(run.lines.back(), "DEFRAG,DONE");
+    for (const std::string& line : run.lines) {
+        EXPECT_FALSE(line.starts_with("DEFRAG,ERROR")) << line;
+    }
+}
+
+TEST(DefragProtocol, AQuarterSecondBetweenProgressLinesMakesAtMostFourASecond)
+{
+    const Transcript busy = defragWithInterval("0.000001");
+    const Transcript calm = defragWithInterval("0.25");
+
+    // The volume has more to report than the calm run may say.
+    EXPECT_GT(busy.progress().size(), 2U);
+    EXPECT_LE(static_cast<double>(calm.progress().size()), calm.seconds * 4);
+}
+
+TEST(DefragProtocol, ACommandIsAnsweredWhileADefragRuns)
+{
+    HFSPlusVolumeBuilder builder = fragmentedVolume();
+    const VolumeImage image(builder);
+    ToolProcess process({.program = VZDEFRAG_PROGRAM, .arguments = {image.path()}});
+    EXPECT_EQ(process.readLine(), "READY");
+
+    // Both in one chunk: the second is dispatched as soon as the first has started its task.
+    process.write("defrag\nbogus\n");
+    std::vector<std::string> frame;
+    while (const auto line = process.readLine()) {
+        if (*line == "DEFRAG,START" || *line == "DEFRAG,DONE" || line->starts_with("ERROR,")) {
+            frame.push_back(*line);
+        }
+        if (frame.size() == 3) {
+            break;
+        }
+    }
+
+    EXPECT_EQ(frame,
+              (std::vector<std::string>{"DEFRAG,START", "ERROR,bogus is not a recognized command.",
+                                        "DEFRAG,DONE"}));
+}
+
+}  // namespace
