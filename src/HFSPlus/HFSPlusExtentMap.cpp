@@ -18,7 +18,7 @@ constexpr uint64_t kBytesPerEntry = 32;  // an entry with its links, as memory i
 constexpr uint64_t kDefaultCapacity = 0x40000;
 constexpr uint32_t kFreeInfo = HFSPlusExtentInfo(kHFSPlusExtentUnalloced, 0);
 
-constexpr std::string_view kSource = "src/HFSPlus/HFSPlusExtentMap.cpp";
+constexpr std::string_view kSource = "HFSPlus/HFSPlusExtentMap.cpp";
 // What people quote from an internal error; each place keeps its number.
 constexpr unsigned kLineInsertIntoEmptyMap = 110;
 constexpr unsigned kLineInsertWithoutEntry = 120;
