@@ -143,19 +143,16 @@ size_t HFSPlusVolumeBuilder::_object(std::string_view path, uint32_t cnid, bool 
     size_t current = 0;
     for (size_t depth = 0; depth < components.size(); depth++) {
         const bool isLast = depth + 1 == components.size();
-        size_t next = 1;
-        while (next < _spec.objects.size() && !(_spec.objects[next].parent == current &&
-                                                _spec.objects[next].name == components[depth])) {
-            next++;
-        }
-        if (next == _spec.objects.size()) {
+        const auto [place, isNew] =
+            _index.try_emplace({current, components[depth]}, _spec.objects.size());
+        if (isNew) {
             HFSPlusBuilderObject object;
             object.name = components[depth];
             object.parent = current;
             object.isFolder = !isLast || isFolder;
             _spec.objects.push_back(std::move(object));
         }
-        current = next;
+        current = place->second;
     }
     if (cnid != 0) {
         _spec.objects[current].cnid = cnid;

@@ -1,9 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "support/HFSPlusVolumeBuilderModel.h"
 #include "support/HFSPlusVolumeBuilderPlan.h"
@@ -110,7 +112,8 @@ private:
     [[nodiscard]] HFSPlusBuilderJournal& _journal();
 
     HFSPlusBuilderSpec _spec;
-    size_t _selected = 0;  // index of the object named last
+    std::map<std::pair<size_t, std::u16string>, size_t> _index;  // of objects, by parent and name
+    size_t _selected = 0;                                        // the object named last
     std::shared_ptr<const HFSPlusVolumeBuilderPlan> _plan;
     std::string _error;
 };
