@@ -17,8 +17,11 @@ public:
     Application(int argc, const char* const* argv, std::string mode)
         : KLToolApplication(argc, argv), _mode(std::move(mode))
     {
-        if (_mode == "characters") {
+        if (_mode.starts_with("characters")) {
             setEventInputType(KLToolEventCharacterType);
+        }
+        if (_mode == "characters-then-lines") {
+            setEventInputType(KLToolEventStringType);
         }
         addSignalHandler(SIGUSR1, [this](int signal) { _handleSignal(signal); });
         addSignalHandler(SIGUSR2, [](int) { printLine("FIRST"); });
@@ -30,6 +33,9 @@ public:
         printLine("ARGUMENTS " + std::to_string(event->arguments().size()));
         if (_mode != "hold-arguments") {
             event->complete();
+        }
+        if (_mode == "characters-then-exit") {
+            terminate();
         }
     }
 
@@ -159,8 +165,8 @@ bool runApplicationMode(std::string_view mode, int argc, const char* const* argv
             return true;
         }
     }
-    for (const std::string_view known :
-         {"echo", "hold", "hold-arguments", "thread", "characters"}) {
+    for (const std::string_view known : {"echo", "hold", "hold-arguments", "thread", "characters",
+                                         "characters-then-exit", "characters-then-lines"}) {
         if (mode == known) {
             status = makeApplication(argc, argv, name).run();
             return true;

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -41,6 +43,60 @@ void expectPanic(const std::string& mode, const std::string& message)
 
     EXPECT_TRUE(first.ends_with("]: PANIC: " + message)) << first;
     EXPECT_EQ(process.wait(), -SIGABRT);
+}
+
+/** A terminal that the test holds on both sides. */
+class Terminal {
+public:
+    Terminal() : _controller(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC))
+    {
+        EXPECT_EQ(::grantpt(_controller), 0);
+        EXPECT_EQ(::unlockpt(_controller), 0);
+        _terminal = ::open(path().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+        EXPECT_GE(_terminal, 0);
+    }
+    Terminal(const Terminal&) = delete;
+    Terminal& operator=(const Terminal&) = delete;
+    ~Terminal()
+    {
+        ::close(_terminal);
+        ::close(_controller);
+    }
+
+    [[nodiscard]] std::string path() const { return ::ptsname(_controller); }
+
+    void type(const std::string& keys)
+    {
+        EXPECT_EQ(::write(_controller, keys.data(), keys.size()),
+                  static_cast<ssize_t>(keys.size()));
+    }
+
+    /** Whether all of @p flags are on. */
+    [[nodiscard]] bool has(tcflag_t flags) const { return (_settings().c_lflag & flags) == flags; }
+    void switchOff(tcflag_t flags)
+    {
+        termios settings = _settings();
+        settings.c_lflag &= ~flags;
+        EXPECT_EQ(::tcsetattr(_terminal, TCSANOW, &settings), 0);
+    }
+
+private:
+    [[nodiscard]] termios _settings() const
+    {
+        termios settings = {};
+        EXPECT_EQ(::tcgetattr(_terminal, &settings), 0);
+        return settings;
+    }
+
+    int _controller;
+    int _terminal = -1;
+};
+
+ToolProcess::Setup fixtureOnTerminal(const std::string& mode, const Terminal& terminal)
+{
+    ToolProcess::Setup setup = fixture(mode);
+    setup.inputPath = terminal.path();
+    return setup;
 }
 
 TEST(KLToolApplication, TheArgumentsEventComesFirst)
@@ -165,6 +221,58 @@ TEST(KLToolApplication, InputMayBeTheNullDevice)
 
     EXPECT_EQ(process.readToEnd(), "ARGUMENTS 2\nTERMINATE\n");
     EXPECT_EQ(process.wait(), 0);
+}
+
+TEST(KLToolApplication, LinesTypedOnATerminalAreEvents)
+{
+    Terminal terminal;
+    ToolProcess process(fixtureOnTerminal("echo", terminal));
+    EXPECT_EQ(process.readLine(), "ARGUMENTS 2");
+
+    terminal.type("SCANN\x7F -f\n");
+    EXPECT_EQ(process.readLine(), "LINE SCAN -f");
+
+    terminal.type("\x04");
+    EXPECT_EQ(process.readToEnd(), "TERMINATE\n");
+    EXPECT_EQ(process.wait(), 0);
+}
+
+TEST(KLToolApplication, CharactersTypedOnATerminalComeAtOnceWithoutEcho)
+{
+    Terminal terminal;
+    ToolProcess process(fixtureOnTerminal("characters", terminal));
+    EXPECT_EQ(process.readLine(), "ARGUMENTS 2");
+
+    EXPECT_FALSE(terminal.has(ICANON));
+    EXPECT_FALSE(terminal.has(ECHO));
+    terminal.type("a");
+    EXPECT_EQ(process.readLine(), "CHARACTER a");
+}
+
+TEST(KLToolApplication, TheTerminalIsAsItWasWhenTheProcessHasEnded)
+{
+    Terminal terminal;
+    ToolProcess process(fixtureOnTerminal("characters-then-exit", terminal));
+
+    EXPECT_EQ(process.readToEnd(), "ARGUMENTS 2\nTERMINATE\n");
+    EXPECT_EQ(process.wait(), 0);
+
+    EXPECT_TRUE(terminal.has(ICANON | ECHO));
+}
+
+TEST(KLToolApplication, ReturningToLinesKeepsTheEchoThatTheTerminalHad)
+{
+    Terminal echoing;
+    ToolProcess first(fixtureOnTerminal("characters-then-lines", echoing));
+    EXPECT_EQ(first.readLine(), "ARGUMENTS 2");
+    EXPECT_TRUE(echoing.has(ICANON | ECHO));
+
+    Terminal silent;
+    silent.switchOff(ECHO);
+    ToolProcess second(fixtureOnTerminal("characters-then-lines", silent));
+    EXPECT_EQ(second.readLine(), "ARGUMENTS 2");
+    EXPECT_TRUE(silent.has(ICANON));
+    EXPECT_FALSE(silent.has(ECHO));
 }
 
 TEST(KLToolApplication, ASignalRegisteredTwiceKeepsTheSecondHandler)
