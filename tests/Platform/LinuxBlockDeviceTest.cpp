@@ -206,9 +206,9 @@ TEST_F(LinuxBlockDeviceTest, WholeBlocksAreReadAndWrittenWhateverTheBuffersAlign
     const auto device = open(path, kExclusive);
     const AlignedBuffer buffer(kSize + 4096);
 
-    for (const size_t shift : {0, 1, 512, 1000}) {
-        for (const size_t offset : {0, 512, 4096, 4608}) {
-            for (const size_t nbyte : {512, 1536, 4096, 32768}) {
+    for (const size_t shift : {0U, 1U, 512U, 1000U}) {
+        for (const size_t offset : {0U, 512U, 4096U, 4608U}) {
+            for (const size_t nbyte : {512U, 1536U, 4096U, 32768U}) {
                 char* const data = buffer.data() + shift;
                 const auto count = static_cast<int64_t>(nbyte);
                 ASSERT_EQ(device->readAt(data, nbyte, offset), count);
