@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <map>
 #include <string>
@@ -22,7 +23,11 @@ public:
         return found != translations.end() ? found->second : std::string(key);
     }
     void outputReaderDidGoAway() override { ++lostReaders; }
-    [[nodiscard]] double timeIntervalSinceReferenceDate() const override { return now; }
+    [[nodiscard]] double timeIntervalSinceReferenceDate() const override
+    {
+        ++clockReadings;
+        return now;
+    }
     void performOnMainThread(std::function<void()> work) override
     {
         mainThreadWork.push_back(std::move(work));
@@ -38,6 +43,7 @@ public:
 
     double interval = 1.0;  // seconds
     double now = 1000.0;    // seconds
+    mutable std::atomic<int> clockReadings = 0;
     int lostReaders = 0;
     std::map<std::string, std::string> translations;
     std::vector<std::function<void()>> mainThreadWork;

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <sstream>
 #include <thread>
@@ -226,20 +227,26 @@ TEST_F(VZDefragTaskTest, ANegativeValueIsNotPrinted)
     EXPECT_EQ(lines(), (Lines{"SCAN,START"}));
 }
 
-TEST_F(VZDefragTaskTest, NoThreadPrintsProgressAfterDone)
+TEST_F(VZDefragTaskTest, AProgressLineKeptWaitingByTheOutputIsNotPrintedAfterDone)
 {
-    for (int round = 0; round < 200; ++round) {
-        const auto task = makeTask();
-        task->reportTaskStart();
-        _services.now += 2;
-        task->updateTaskProgress(1);
-        std::thread mainThread([&task] { task->reportTaskProgress(); });
+    const auto task = makeTask();
+    task->reportTaskStart();
+    task->updateTaskProgress(1);
+    std::thread mainThread;
+    {
+        const VZDefragOutputLock output;
+        const int readings = _services.clockReadings;
+        mainThread = std::thread([&task] { task->reportTaskProgress(); });
+        // Time enough to decide on the line, which reads the clock, before it may be written.
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(50);
+        while (_services.clockReadings == readings && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::yield();
+        }
         task->reportTaskDone();
-        mainThread.join();
-        _services.mainThreadWork.clear();
-
-        ASSERT_EQ(lines().back(), "SCAN,DONE") << "round " << round;
     }
+    mainThread.join();
+
+    EXPECT_EQ(lines(), (Lines{"SCAN,START", "SCAN,DONE"}));
 }
 
 TEST_F(VZDefragTaskTest, AnErrorTextWithACommaAndABackslashIsEscaped)
