@@ -3,12 +3,29 @@
 #include <cstdio>
 #include <sstream>
 
+namespace {
+
+/** A field of an output line as it was before it was made safe. */
+std::string unescaped(const std::string& field)
+{
+    std::string text;
+    for (size_t index = 0; index < field.size(); ++index) {
+        if (field[index] == '\\' && index + 1 < field.size()) {
+            ++index;
+        }
+        text += field[index];
+    }
+    return text;
+}
+
+}  // namespace
+
 std::string DefragOutput::error() const
 {
     const std::string head = "DEFRAG,ERROR,";
     for (const std::string& line : lines) {
         if (line.starts_with(head)) {
-            return line.substr(head.size());
+            return unescaped(line.substr(head.size()));
         }
     }
     return "";
@@ -24,9 +41,8 @@ std::vector<DefragMove> DefragOutput::moves() const
     std::vector<DefragMove> moves;
     for (const std::string& line : lines) {
         DefragMove move;
-        if (std::sscanf(line.c_str(), "DEFRAG,PROGRESS,%d,%u,%u,%u,%u", &move.percent,
-                        &move.source, &move.destination, &move.count,
-                        &move.allocatedBlocks) == 5) {
+        if (std::sscanf(line.c_str(), "DEFRAG,PROGRESS,%d,%u,%u,%u,%u", &move.percent, &move.source,
+                        &move.destination, &move.count, &move.allocatedBlocks) == 5) {
             moves.push_back(move);
         }
     }

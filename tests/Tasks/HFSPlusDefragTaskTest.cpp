@@ -2,9 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include "HFSPlus/HFSPlusCatalog.h"
 #include "HFSPlus/HFSPlusVolumeProber.h"
 #include "Tasks/DefragRun.h"
 #include "support/HFSPlusOpenedVolume.h"
+#include "support/HFSPlusVolumeBuilderPatcher.h"
 
 namespace {
 

@@ -1,0 +1,211 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "HFSPlus/HFSPlusAllocation.h"
+#include "HFSPlus/HFSPlusCatalog.h"
+#include "HFSPlus/HFSPlusExtents.h"
+#include "Tasks/DefragRun.h"
+#include "support/HFSPlusOpenedVolume.h"
+#include "support/HFSPlusVolumeBuilderPatcher.h"
+
+// Special files are moved like any fork, while everything that is looked up during the move goes
+// through them.
+
+namespace {
+
+constexpr uint64_t kBlockSize = 4096;
+
+/** Files in interleaved pieces, so that a run changes records all over the trees. */
+void addScatteredFiles(HFSPlusVolumeBuilder& builder, uint32_t files, uint32_t pieces,
+                       uint32_t firstBlock)
+{
+    for (uint32_t file = 0; file < files; ++file) {
+        HFSPlusBuilderExtents extents;
+        for (uint32_t piece = 0; piece < pieces; ++piece) {
+            extents.push_back({firstBlock + (piece * files + file) * 2, 1});
+        }
+        builder.file("/file " + std::to_string(file)).data(extents);
+    }
+}
+
+/** Runs DEFRAG and expects a sound volume with whole special files and unchanged contents. */
+void expectSoundDefrag(HFSPlusOpenedVolume& volume, uint64_t bufferSize)
+{
+    ASSERT_TRUE(volume) << volume.error();
+    const HFSPlusForkHashes before = volume.hashes();
+
+    const DefragOutput output = runDefrag(*volume, bufferSize);
+
+    EXPECT_EQ(output.error(), "");
+    EXPECT_TRUE(output.isWhole());
+    const HFSPlusCheckResult after = volume.check();
+    EXPECT_TRUE(after.consistent) << after.description();
+    for (const HFSPlusCheckedFork& fork : after.forks) {
+        EXPECT_LE(fork.extents.size(), 1u) << fork;
+    }
+    EXPECT_EQ(volume.hashes(), before);
+    volume.reopen();
+    EXPECT_TRUE(volume) << volume.error();
+}
+
+}  // namespace
+
+TEST(HFSPlusSpecialFiles, EachOfThemInPiecesEndsWhole)
+{
+    HFSPlusVolumeBuilder builder;
+    builder.blockSize(kBlockSize).totalBlocks(4000);
+    builder.catalogExtents({{900, 8}, {500, 8}, {700, 16}});
+    builder.extentsFileExtents({{920, 2}, {520, 2}, {720, 4}});
+    builder.attributesFile().attributesExtents({{940, 4}, {540, 4}});
+    addScatteredFiles(builder, 30, 12, 1000);
+    HFSPlusOpenedVolume volume(builder);
+
+    expectSoundDefrag(volume, 100 * kBlockSize);
+}
+
+TEST(HFSPlusSpecialFiles, ACatalogThatMovesKeepsChangesOfNodesThatItsCacheCannotHold)
+{
+    // With room for one node nearly every change is written by eviction, also in the middle of the
+    // list that moves the catalog itself.
+    for (const uint32_t buffer : {20u, 64u, 300u}) {
+        HFSPlusVolumeBuilder builder;
+        builder.blockSize(kBlockSize).totalBlocks(6000);
+        builder.catalogExtents({{1205, 10}, {1405, 30}});
+        addScatteredFiles(builder, 90, 10, 1500);
+        HFSPlusOpenedVolume volume(builder);
+        ASSERT_TRUE(volume) << volume.error();
+        (*volume).catalog().setNodeCacheSize((*volume).catalog().nodeSize());
+
+        expectSoundDefrag(volume, buffer * kBlockSize);
+    }
+}
+
+TEST(HFSPlusSpecialFiles, AnExtentsFileThatMovesKeepsChangesOfNodesThatItsCacheCannotHold)
+{
+    for (const uint32_t buffer : {20u, 64u, 300u}) {
+        HFSPlusVolumeBuilder builder;
+        builder.blockSize(kBlockSize).totalBlocks(9000).extentsNodeSize(1024);
+        builder.extentsFileExtents({{1205, 6}, {1405, 6}}).freeExtentsNodes(10);
+        addScatteredFiles(builder, 40, 60, 1500);
+        HFSPlusOpenedVolume volume(builder);
+        ASSERT_TRUE(volume) << volume.error();
+        (*volume).extents().setNodeCacheSize((*volume).extents().nodeSize());
+
+        expectSoundDefrag(volume, buffer * kBlockSize);
+    }
+}
+
+TEST(HFSPlusSpecialFiles, ABitmapThatMovesKeepsChangesOfChunksThatItsCacheCannotHold)
+{
+    // Blocks of 512 bytes make a bitmap of more chunks than are cached from 2.2 GiB on. Files lie
+    // in pieces all over it, so that one list changes all of its chunks.
+    constexpr uint32_t kChunkBlocks = 32768 * 8;
+    constexpr uint32_t kTotalBlocks = 22 * kChunkBlocks;
+    const uint32_t bitmapBlocks = kTotalBlocks / 8 / 512;
+    HFSPlusVolumeBuilder builder;
+    builder.blockSize(512).totalBlocks(kTotalBlocks);
+    builder.allocationExtents({{9000, bitmapBlocks / 2}, {30000, bitmapBlocks - bitmapBlocks / 2}});
+    for (uint32_t file = 0; file < 20; ++file) {
+        HFSPlusBuilderExtents extents;
+        for (uint32_t chunk = 21; chunk > 0; --chunk) {
+            extents.push_back({chunk * kChunkBlocks + 100 + 10 * file, 3});
+        }
+        builder.file("/file " + std::to_string(file)).data(extents);
+    }
+    HFSPlusOpenedVolume volume(builder);
+
+    expectSoundDefrag(volume, uint64_t{40000} * 512);
+}
+
+TEST(HFSPlusSpecialFiles, RepairsOfTheBitmapSurviveItsMove)
+{
+    // The repair is in memory when the bitmap's own blocks are read for copying.
+    HFSPlusVolumeBuilder builder;
+    builder.blockSize(kBlockSize).totalBlocks(3000);
+    builder.allocationExtents({{800, 1}});
+    builder.file("/f", 20).data({{1000, 10}, {900, 10}});
+    builder.damage(damagedBitmap(1004, 1, false));
+    HFSPlusOpenedVolume volume(builder);
+    ASSERT_TRUE(volume) << volume.error();
+
+    const DefragOutput output = runDefrag(*volume, 100 * kBlockSize);
+
+    EXPECT_EQ(output.error(), "");
+    for (const std::string& problem : volume.check().problems) {
+        EXPECT_NE(problem.find("freeBlocks"), std::string::npos) << problem;
+    }
+    EXPECT_EQ(volume.check().forkWithCNID(20)->extents.size(), 1u);
+}
+
+TEST(HFSPlusSpecialFiles, ABitmapWithOverflowRecordsOfItsOwnLosesNoBit)
+{
+    // While its records are rewritten, chunks beyond its first eight extents have to be found.
+    constexpr uint32_t kChunkBlocks = 32768 * 8;
+    constexpr uint32_t kTotalBlocks = 22 * kChunkBlocks;
+    const uint32_t bitmapBlocks = kTotalBlocks / 8 / 512;
+    HFSPlusBuilderExtents extents;
+    for (uint32_t piece = 0; piece < 32; ++piece) {
+        extents.push_back({9000 + piece * (bitmapBlocks / 32 + 7), bitmapBlocks / 32});
+    }
+    HFSPlusVolumeBuilder builder;
+    builder.blockSize(512).totalBlocks(kTotalBlocks).allocationExtents(extents);
+    builder.file("/f", 20).data({{21 * kChunkBlocks + 50, 90}, {20 * kChunkBlocks + 50, 90}});
+    HFSPlusOpenedVolume volume(builder);
+
+    expectSoundDefrag(volume, uint64_t{3000} * 512);
+}
+
+TEST(HFSPlusSpecialFiles, AnExtentsFileThatFindsOnlyCrumbsEndsTheRunBeforeAnythingMoves)
+{
+    // It lies where the first zone begins, and behind the zone every free run is one block.
+    HFSPlusVolumeBuilder builder;
+    builder.blockSize(kBlockSize).totalBlocks(600).extentsNodeSize(4096);
+    builder.allocationExtents({{1, 1}}).catalogExtents({{2, 8}});
+    builder.extentsFileExtents({{20, 20}});
+    HFSPlusBuilderExtents combs;
+    for (uint32_t block = 60; block + 1 < 599; block += 2) {
+        combs.push_back({block, 1});
+    }
+    builder.file("/comb", 20).data(combs);
+    HFSPlusOpenedVolume volume(builder);
+    ASSERT_TRUE(volume) << volume.error();
+    const HFSPlusCheckResult before = volume.check();
+    ASSERT_TRUE(before.consistent) << before.description();
+
+    const DefragOutput output = runDefrag(*volume, 40 * kBlockSize);
+
+    EXPECT_EQ(output.error(), "Overflow extents file is too congested, unable to continue.");
+    EXPECT_TRUE(output.moves().empty());
+    const HFSPlusCheckResult after = volume.check();
+    EXPECT_TRUE(after.consistent) << after.description();
+    EXPECT_EQ(after.forks, before.forks);
+}
+
+TEST(HFSPlusSpecialFiles, AnOverflowFileWithoutFreeNodesEndsTheRunWithEveryForkWhole)
+{
+    // The first eviction breaks forks into more pieces than the full tree can take.
+    HFSPlusVolumeBuilder builder;
+    builder.blockSize(kBlockSize).totalBlocks(3000).extentsNodeSize(512);
+    builder.file("/front", 40).data({{100, 150}, {2990, 1}});
+    builder.file("/gap", 41).data({{250, 150}});
+    builder.file("/tail", 42).data({{2320, 670}});
+    for (uint32_t file = 0; file < 24; ++file) {
+        HFSPlusBuilderExtents extents;
+        for (uint32_t piece = 0; piece < 40; ++piece) {
+            extents.push_back({400 + (piece * 24 + file) * 2, 1});
+        }
+        builder.file("/file " + std::to_string(file)).data(extents);
+    }
+    builder.freeExtentsNodes(0);
+    HFSPlusOpenedVolume volume(builder);
+    ASSERT_TRUE(volume) << volume.error();
+    const HFSPlusForkHashes before = volume.hashes();
+
+    const DefragOutput output = runDefrag(*volume, 180 * kBlockSize);
+
+    EXPECT_EQ(output.error(), "Overflow extents file is too congested, unable to continue.");
+    const HFSPlusCheckResult after = volume.check();
+    EXPECT_TRUE(after.consistent) << after.description();
+    EXPECT_EQ(volume.hashes(), before);
+}
