@@ -30,6 +30,9 @@ public:
         const VZDefragVolume& volume, VZDefragErrorSlot error = nullptr);
     ~HFSPlusVolume() override;
 
+    /** How many blocks the system reserves for metadata at the front of a journaled volume. */
+    [[nodiscard]] static uint32_t estimatedMetadataBlocks(uint64_t blockSize, uint64_t totalBlocks);
+
     [[nodiscard]] bool hasMetadataZone() const { return _metadata.blockCount != 0; }
     [[nodiscard]] bool hasSparedBlocks() const;
     [[nodiscard]] bool isHFSX() const { return _isHFSX; }

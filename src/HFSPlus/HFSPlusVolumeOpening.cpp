@@ -270,20 +270,26 @@ void HFSPlusVolume::_setUpMetadataZone()
 
 uint32_t HFSPlusVolume::_metadataBlockCount() const
 {
-    const uint64_t blockSize = _hostVolumeHeader.blockSize;
-    const uint64_t size = blockSize * _hostVolumeHeader.totalBlocks;
-    if (size < 10 * kGiB || !isJournaled()) {
+    return isJournaled()
+               ? estimatedMetadataBlocks(_hostVolumeHeader.blockSize, _hostVolumeHeader.totalBlocks)
+               : 0;
+}
+
+uint32_t HFSPlusVolume::estimatedMetadataBlocks(uint64_t blockSize, uint64_t totalBlocks)
+{
+    const uint64_t size = blockSize * totalBlocks;
+    if (size < 10 * kGiB) {
         return 0;
     }
     const uint64_t gibibytes = size / kGiB;
     const uint64_t hundreds = size / (100 * kGiB) + 1;
-    uint64_t sum = roundedUp(_hostVolumeHeader.totalBlocks / 8, blockSize);  // bitmap
-    sum += std::min(hundreds * 4 * kMiB, 128 * kMiB);                        // extents overflow
-    sum += std::min(hundreds * 8 * kMiB, 512 * kMiB);                        // journal
-    sum += std::min(size / 1024 * 10, kGiB);                                 // catalog
-    sum += std::clamp(size / 1024 * 5, 10 * kMiB, 512 * kMiB);               // hot files
-    sum += quotaFileSize(gibibytes * 256, 2097152);                          // users
-    sum += quotaFileSize(gibibytes * 32, 262144);                            // groups
+    uint64_t sum = roundedUp(totalBlocks / 8, blockSize);       // bitmap
+    sum += std::min(hundreds * 4 * kMiB, 128 * kMiB);           // extents overflow
+    sum += std::min(hundreds * 8 * kMiB, 512 * kMiB);           // journal
+    sum += std::min(size / 1024 * 10, kGiB);                    // catalog
+    sum += std::clamp(size / 1024 * 5, 10 * kMiB, 512 * kMiB);  // hot files
+    sum += quotaFileSize(gibibytes * 256, 2097152);             // users
+    sum += quotaFileSize(gibibytes * 32, 262144);               // groups
     // Whole bitmap blocks' worth, counted in blocks: their size in bytes may not fit 64 bits.
     const uint64_t blocks = roundedUp(roundedUp(sum, blockSize) / blockSize, blockSize * 8);
     return static_cast<uint32_t>(std::min<uint64_t>(blocks, std::numeric_limits<uint32_t>::max()));
