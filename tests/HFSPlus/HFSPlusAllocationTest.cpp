@@ -230,10 +230,10 @@ TEST(HFSPlusAllocation, DumpOfARangeOutsideTheBitmapAborts)
 TEST(HFSPlusAllocation, DumpLogsOneCharacterPerBlock)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    setenv("KLDebugLevel", "debug", 1);
 
     EXPECT_EXIT(
         {
+            setenv("KLDebugLevel", "debug", 1);
             HFSPlusOpenedVolume opened(smallVolume().file("/f", 30).data({{502, 3}}));
             opened->allocation().dump(500, 8);
             std::exit(0);
@@ -244,10 +244,10 @@ TEST(HFSPlusAllocation, DumpLogsOneCharacterPerBlock)
 TEST(HFSPlusAllocation, OpeningLogsTheSizeOfTheBitmap)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    setenv("KLDebugLevel", "info", 1);
 
     EXPECT_EXIT(
         {
+            setenv("KLDebugLevel", "info", 1);
             HFSPlusOpenedVolume opened(smallVolume());
             std::exit(0);
         },
