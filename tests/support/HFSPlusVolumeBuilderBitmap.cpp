@@ -12,7 +12,7 @@ bool HFSPlusVolumeBuilderBitmap::isFree(uint32_t start, uint32_t count) const
     uint64_t block = start;
     while (block < end) {
         bool used = false;
-        const uint32_t length = _runAt(static_cast<uint32_t>(block), used);
+        const uint32_t length = _runAt(static_cast<uint32_t>(block), end, used);
         if (used) {
             return false;
         }
@@ -48,7 +48,7 @@ std::optional<uint32_t> HFSPlusVolumeBuilderBitmap::findRun(uint32_t count, uint
     uint64_t block = from;
     while (block < _totalBlocks && block - start < count) {
         bool used = false;
-        block += _runAt(static_cast<uint32_t>(block), used);
+        block += _runAt(static_cast<uint32_t>(block), _totalBlocks, used);
         if (used) {
             start = block;
         }
@@ -80,10 +80,10 @@ bool HFSPlusVolumeBuilderBitmap::visit(const Visitor& visitor) const
     });
 }
 
-uint32_t HFSPlusVolumeBuilderBitmap::_runAt(uint32_t block, bool& used) const
+uint32_t HFSPlusVolumeBuilderBitmap::_runAt(uint32_t block, uint64_t limit, bool& used) const
 {
     const uint64_t pageEnd = (uint64_t{block} / kPageBlocks + 1) * kPageBlocks;
-    const uint64_t end = std::min<uint64_t>(pageEnd, _totalBlocks);
+    const uint64_t end = std::min(pageEnd, limit);
     const auto found = _pages.find(block / kPageBlocks);
     if (found == _pages.end()) {
         used = false;

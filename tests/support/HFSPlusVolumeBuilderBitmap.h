@@ -34,8 +34,10 @@ private:
     static constexpr uint32_t kPageBytes = 4096;
     static constexpr uint32_t kPageBlocks = kPageBytes * 8;
 
-    /** The number of blocks of one state, at most to the page's end, that begin at @p block. */
-    [[nodiscard]] uint32_t _runAt(uint32_t block, bool& used) const;
+    /** The number of blocks of one state that begin at @p block, at most to @p limit or the page's
+     *  end.
+     */
+    [[nodiscard]] uint32_t _runAt(uint32_t block, uint64_t limit, bool& used) const;
 
     uint32_t _totalBlocks;
     std::map<uint32_t, std::vector<uint8_t>> _pages;  // by page number
