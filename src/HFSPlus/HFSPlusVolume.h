@@ -6,6 +6,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "HFSPlus/HFSPlusCatalogFormat.h"
 #include "HFSPlus/HFSPlusFormat.h"
 #include "VZDefragVolume.h"
 
@@ -95,6 +96,14 @@ public:
     [[nodiscard]] bool flush(VZDefragErrorSlot error);
     /** A change to a special file did not reach the disk and may be lost: ends all writing. */
     void metadataWriteDidFail();
+
+    // Diagnostic aids, logged at level debug. A full path must lead back to the file.
+    [[nodiscard]] bool dumpFileExtents(const HFSPlusHostCatalogFile& file, VZDefragErrorSlot error);
+    [[nodiscard]] bool dumpFileExtentsOverflows(const HFSPlusHostCatalogFile& file,
+                                                VZDefragErrorSlot error);
+    [[nodiscard]] bool dumpFilePath(const HFSPlusHostCatalogFile& file, VZDefragErrorSlot error);
+    [[nodiscard]] bool dumpFilePathFull(const HFSPlusHostCatalogFile& file,
+                                        VZDefragErrorSlot error);
 
 private:
     struct MetadataZone {
