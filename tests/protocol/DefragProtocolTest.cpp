@@ -98,21 +98,22 @@ TEST(DefragProtocol, ACommandIsAnsweredWhileADefragRuns)
     ToolProcess process({.program = VZDEFRAG_PROGRAM, .arguments = {image.path()}});
     EXPECT_EQ(process.readLine(), "READY");
 
-    // Both in one chunk: the second is dispatched as soon as the first has started its task.
+    // Both in one chunk. The answer comes from the main thread and may overtake the start line of
+    // the task's thread, but not wait for the seconds that the run takes.
     process.write("defrag\nbogus\n");
-    std::vector<std::string> frame;
-    while (const auto line = process.readLine()) {
-        if (*line == "DEFRAG,START" || *line == "DEFRAG,DONE" || line->starts_with("ERROR,")) {
-            frame.push_back(*line);
-        }
-        if (frame.size() == 3) {
-            break;
-        }
+    bool started = false;
+    bool answered = false;
+    bool done = false;
+    while (!done) {
+        const auto line = process.readLine();
+        ASSERT_TRUE(line.has_value());
+        started = started || *line == "DEFRAG,START";
+        answered = answered || *line == "ERROR,bogus is not a recognized command.";
+        done = *line == "DEFRAG,DONE";
     }
 
-    EXPECT_EQ(frame,
-              (std::vector<std::string>{"DEFRAG,START", "ERROR,bogus is not a recognized command.",
-                                        "DEFRAG,DONE"}));
+    EXPECT_TRUE(started);
+    EXPECT_TRUE(answered);
 }
 
 }  // namespace
