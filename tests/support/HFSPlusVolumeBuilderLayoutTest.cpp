@@ -221,6 +221,28 @@ TEST(HFSPlusVolumeBuilderLayout, AJournaledVolumeOfTwelveGigabytesTakesLittleMem
     EXPECT_EQ(checked(*device).forkWithCNID(20)->totalBlocks, 100000U);
 }
 
+TEST(HFSPlusVolumeBuilderLayout, BlocksMayBeAsLargeAsTheFormatAllows)
+{
+    auto builder = HFSPlusVolumeBuilder{}.blockSize(1U << 31).totalBlocks(20).contents(false);
+    builder.file("/x", 20).data({{10, 2}});
+    const auto device = builtSound(builder);
+    ASSERT_NE(device, nullptr);
+
+    EXPECT_EQ(checked(*device).forkWithCNID(20)->logicalSize, uint64_t{1} << 32);
+}
+
+TEST(HFSPlusVolumeBuilderLayout, HardLinksLeadToAFileInThePrivateFolder)
+{
+    const std::string folder("/\0\0\0\0HFS+ Private Data", 22);
+    auto builder = HFSPlusVolumeBuilder{}.folder(folder, 18).file(folder + "/iNode19", 19);
+    builder.data({{100, 3}}).mode(0100644, 2).hardLink("/a", 20, 19).hardLink("/b", 21, 19);
+    const auto device = builtSound(builder);
+    ASSERT_NE(device, nullptr);
+
+    EXPECT_EQ(checked(*device).forkWithCNID(19)->extents, (CheckedExtents{{100, 3}}));
+    EXPECT_TRUE(checked(*device).forkWithCNID(20)->extents.empty());
+}
+
 TEST(HFSPlusVolumeBuilderLayout, AWrapperRefusesAVolumeOfPartsOfItsBlocks)
 {
     HFSPlusBuilderWrapper wrapper;
