@@ -130,6 +130,11 @@ const Damage kHeaderDamages[] = {
          volume.put({0, volume.sound().volumeSize - 1024 + 272 + 19}, 1, 0xEE);
      },
      "alternate volume header"},
+    {"AlternateOfAnotherVolume", "plain4k",
+     [](Sample& volume) {
+         volume.change({0, volume.sound().volumeSize - 1024 + 16}, 4, 1);
+     },
+     "alternate volume header"},
     {"AlternateMissing", "blk1k",
      [](Sample& volume) {
          volume.put({0, volume.sound().volumeSize - 1024}, 2, 0);

@@ -151,11 +151,13 @@ void HFSPlusCheckHeader::_checkState()
 
 bool HFSPlusCheckHeader::_isAlternate(const Bytes& bytes) const
 {
-    // The counters and dates of the alternate may be old; where the special files are may not.
+    // The counters and dates of the alternate may be old. What identifies the volume, how large it
+    // is and where its special files are may not.
     constexpr size_t kForkCount = 5;
     constexpr size_t kForkSize = 80;
     constexpr size_t kFirstFork = static_cast<size_t>(SpecialFile::kAllocation);
     if (!std::equal(bytes.begin(), bytes.begin() + 4, _bytes.begin()) ||
+        !std::equal(bytes.begin() + 16, bytes.begin() + 20, _bytes.begin() + 16) ||
         !std::equal(bytes.begin() + 40, bytes.begin() + 48, _bytes.begin() + 40)) {
         return false;
     }

@@ -214,7 +214,7 @@ TEST(HFSPlusVolumeChecker, EndsWithAVerdictWhateverBytesTheMetadataHold)
         std::mt19937 engine(seed);
         const auto random = [&engine] { return static_cast<uint32_t>(engine()); };
         volume.reader().clear();
-        for (int hit = 0; hit < 24; ++hit) {
+        for (size_t hit = 0; hit < 24; ++hit) {
             const uint8_t byte = kBytes[random() % kBytes.size()];
             const uint32_t file =
                 std::array<uint32_t, 4>{0, kExtentsFile, kCatalogFile, kAttributesFile}[hit % 4];

@@ -174,8 +174,8 @@ void HFSPlusCheckUsage::_reportDifferences(const std::vector<uint8_t>& found,
         while (index < count && bitAt(found, index) == isSet && bitAt(expected, index) != isSet) {
             ++index;
         }
-        const auto block = static_cast<unsigned long long>(firstBlock + start);
-        const auto run = static_cast<unsigned long long>(index - start);
+        const unsigned long long block = firstBlock + start;
+        const unsigned long long run = index - start;
         if (firstBlock + start >= _volume.totalBlocks) {
             _volume.problems.report("the bitmap marks %llu bits beyond the volume from %llu", run,
                                     block);
