@@ -162,7 +162,7 @@ TEST(HFSPlusVolumeChecker, WithoutCollectingForksTheVerdictIsTheSame)
 TEST(HFSPlusVolumeChecker, ADeviceOfLargeBlocksIsReadLikeAFile)
 {
     constexpr uint32_t kDeviceBlockSize = 4096;
-    constexpr size_t kSize = 16 * kDeviceBlockSize;
+    constexpr size_t kSize = size_t{16} * kDeviceBlockSize;
     MemoryBlockDevice device(kSize, kDeviceBlockSize);
     std::vector<uint8_t> bytes(kSize);
     for (size_t index = 0; index < bytes.size(); ++index) {
