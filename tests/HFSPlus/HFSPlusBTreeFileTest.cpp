@@ -148,7 +148,7 @@ TEST(HFSPlusBTreeFile, AWrongHeaderNodeDescriptorFailsToOpen)
 
 TEST(HFSPlusBTreeFile, AHeaderWithImpossibleSizesOrCountsFailsToOpen)
 {
-    for (const uint32_t nodeSize : {0, 1, 256, 513, 768, 4097, 0xC000, 0xFFFF}) {
+    for (const uint32_t nodeSize : {0u, 1u, 256u, 513u, 768u, 4097u, 0xC000u, 0xFFFFu}) {
         EXPECT_EQ(openingFailure(damaged(damagedTreeHeader(3, "nodeSize", nodeSize))),
                   kHeaderMessage)
             << nodeSize;
@@ -309,7 +309,7 @@ TEST(HFSPlusBTreeFile, FlushWritesDirtyNodesInAscendingOrder)
     HFSPlusExtents& btree = volume->extents();
     const HFSPlusCachedNode referenced = btree.cachedNodeWithIndex(11, {}, nullptr);
     referenced->setDirty(true);
-    for (const uint32_t index : {7, 13, 3, 5}) {
+    for (const uint32_t index : {7u, 13u, 3u, 5u}) {
         touch(btree, index);
     }
     btree.setFirstLeafNode(3);

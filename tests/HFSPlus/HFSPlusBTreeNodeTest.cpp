@@ -151,7 +151,7 @@ TEST_F(HFSPlusBTreeNodeTest, SettingARecordWithTheSameKeyAndNewDataSucceeds)
 TEST_F(HFSPlusBTreeNodeTest, SettingARecordWithAChangedKeyIsRefused)
 {
     ASSERT_TRUE(insert(record(1), 0));
-    for (const size_t position : {1, 2, 3, 4, 5}) {
+    for (const size_t position : {1u, 2u, 3u, 4u, 5u}) {
         std::vector<uint8_t> changed = record(1);
         changed[position] ^= 0x40;
         EXPECT_EQ(failureOf([&](auto error) { return node().setRecordData(changed, 0, error); }),

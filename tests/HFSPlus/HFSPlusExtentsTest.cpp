@@ -201,7 +201,7 @@ TEST(HFSPlusExtents, EmptyingALeafFreesItAndARootWithOneChildGivesWay)
     const uint32_t lastLeaf = tree.lastLeafNode();
     const uint32_t freeNodes = tree.freeNodes();
 
-    for (const uint32_t start : {1, 2, 3}) {
+    for (const uint32_t start : {1u, 2u, 3u}) {
         ASSERT_TRUE(volume.remove({20, 0, start}));
     }
 
@@ -367,7 +367,7 @@ TEST(HFSPlusExtents, HeightsThatDoNotFallByOneAreInconsistent)
         return patcher.node(3, 1, "height", 2);
     });
     EXPECT_EQ(failuresOn(leafTooHigh, {20, 0, 16}), kAllInconsistent);
-    for (const uint32_t depth : {0, 1, 3, 17, 0xFFFF}) {
+    for (const uint32_t depth : {0u, 1u, 3u, 17u, 0xFFFFu}) {
         HFSPlusVolumeBuilder builder = twoLevels();
         builder.damage(damagedTreeHeader(3, "treeDepth", depth));
         EXPECT_EQ(failuresOn(ExtentsVolume(std::move(builder)), {20, 0, 16}), kAllInconsistent);

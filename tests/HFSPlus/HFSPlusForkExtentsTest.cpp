@@ -65,7 +65,7 @@ TEST(HFSPlusForkExtents, AForkWhoseTotalChangesInRecord0GetsItsOverflowRecordsUn
     ASSERT_TRUE(fork->update());
 
     // Record 0 lost the extents at 160 and 170 to the next record, which begins 8 blocks earlier.
-    for (const uint32_t start : {24, 56, 88}) {
+    for (const uint32_t start : {24u, 56u, 88u}) {
         uint32_t block = start;
         HFSPlusExtentRecord record = {};
         ASSERT_TRUE(volume->extents().copyExtentRecord(record, block, 20, 0, nullptr));
@@ -108,7 +108,7 @@ TEST(HFSPlusForkExtents, AForkThatItsEightExtentsCoverIsReadWithoutTheOverflowFi
 
 TEST(HFSPlusForkExtents, DeletingAllExtentsFreesEveryBlockAndSetsTheLengthToZero)
 {
-    for (const uint32_t count : {3, 8, 40}) {
+    for (const uint32_t count : {3u, 8u, 40u}) {
         const HFSPlusOpenedVolume volume(movieVolume(scattered(100, count, 5, 10)));
         const uint32_t freeBlocks = volume->hostVolumeHeader().freeBlocks;
         const auto fork = openFork(volume, 20);
