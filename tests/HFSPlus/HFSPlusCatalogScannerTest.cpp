@@ -292,11 +292,12 @@ TEST_P(HFSPlusCatalogScannerOfBothKinds, RecordsOfUnknownTypesAreIgnored)
 
 TEST_P(HFSPlusCatalogScannerOfBothKinds, ALeafWithRecordsOutsideItIsInconsistent)
 {
-    HFSPlusOpenedVolume volume(
-        scannedAs(smallCatalog(), GetParam()).damage([](HFSPlusVolumeBuilderPatcher& patcher) {
-            const auto leaf = patcher.leafWithRecord(4, 0);
-            return leaf && patcher.node(4, *leaf, "numRecords", 5000);
-        }));
+    // The leaf has twelve records; the last one, a thread, seems to reach far beyond the node.
+    const auto stretchLastRecord = [](HFSPlusVolumeBuilderPatcher& patcher) {
+        const std::optional<uint32_t> leaf = patcher.leafWithRecord(kHFSCatalogFileID, 11);
+        return leaf && patcher.node(kHFSCatalogFileID, *leaf, "offset[12]", 0xFFFE);
+    };
+    HFSPlusOpenedVolume volume(scannedAs(smallCatalog(), GetParam()).damage(stretchLastRecord));
     ASSERT_TRUE(volume) << volume.error();
     Census census;
 

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <iomanip>
 #include <map>
 #include <random>
 #include <sstream>
@@ -181,10 +182,26 @@ TEST(HFSPlusUnicode, UnitsWithoutAClassKeepMarksApart)
     }
 }
 
+/** Units as four digits each. */
+std::string digitsOf(std::u16string_view units)
+{
+    std::ostringstream text;
+    for (const char16_t unit : units) {
+        text << (text.tellp() > 0 ? "-" : "") << std::hex << std::uppercase << std::setw(4)
+             << std::setfill('0') << uint32_t{unit};
+    }
+    return units.empty() ? "nothing" : text.str();
+}
+
 struct DecompositionCase {
     std::u16string_view input;
     std::u16string_view stored;
 };
+
+void PrintTo(const DecompositionCase& names, std::ostream* stream)
+{
+    *stream << digitsOf(names.input);
+}
 
 class HFSPlusUnicodeDecomposition : public testing::TestWithParam<DecompositionCase> {};
 
@@ -214,6 +231,11 @@ struct ComparisonCase {
     std::u16string right;
     int order;
 };
+
+void PrintTo(const ComparisonCase& names, std::ostream* stream)
+{
+    *stream << digitsOf(names.left) << " and " << digitsOf(names.right);
+}
 
 class HFSPlusUnicodeComparison : public testing::TestWithParam<ComparisonCase> {};
 
