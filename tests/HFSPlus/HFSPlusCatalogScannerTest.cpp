@@ -292,12 +292,13 @@ TEST_P(HFSPlusCatalogScannerOfBothKinds, RecordsOfUnknownTypesAreIgnored)
 
 TEST_P(HFSPlusCatalogScannerOfBothKinds, ALeafWithRecordsOutsideItIsInconsistent)
 {
-    // The leaf has twelve records; the last one, a thread, seems to reach far beyond the node.
+    // The leaf has twelve records; the last one, a thread, seems to reach into the offsets table.
     const auto stretchLastRecord = [](HFSPlusVolumeBuilderPatcher& patcher) {
         const std::optional<uint32_t> leaf = patcher.leafWithRecord(kHFSCatalogFileID, 11);
-        return leaf && patcher.node(kHFSCatalogFileID, *leaf, "offset[12]", 0xFFFE);
+        return leaf && patcher.node(kHFSCatalogFileID, *leaf, "offset[12]", 4094);
     };
-    HFSPlusOpenedVolume volume(scannedAs(smallCatalog(), GetParam()).damage(stretchLastRecord));
+    HFSPlusVolumeBuilder builder = scannedAs(smallCatalog(), GetParam()).catalogNodeSize(4096);
+    HFSPlusOpenedVolume volume(builder.damage(stretchLastRecord));
     ASSERT_TRUE(volume) << volume.error();
     Census census;
 
