@@ -46,9 +46,12 @@ HFSPlusCachedNode HFSPlusBTreeFile::soundNodeWithIndex(uint32_t index, std::stri
         return {};
     }
     HFSPlusCachedNode node = cachedNodeWithIndex(index, {}, error);
-    if (node && !node->hasSoundRecords()) {
-        std::ignore = VZDefragFail(error, message);
-        return {};
+    if (node && node->checked() == HFSPlusBTreeNode::Checked::kNothing) {
+        if (!node->hasSoundRecords()) {
+            std::ignore = VZDefragFail(error, message);
+            return {};
+        }
+        node->setChecked(HFSPlusBTreeNode::Checked::kOffsets);
     }
     return node;
 }
@@ -208,6 +211,7 @@ void HFSPlusBTreeFile::_rollBack()
         if (entry != _nodeCacheTOC.end()) {
             std::memcpy(entry->second->_data.get(), image.bytes.data(), image.bytes.size());
             entry->second->_dirty = image.dirty;
+            entry->second->_checked = HFSPlusBTreeNode::Checked::kNothing;
         }
     }
     _hostHeaderRec = _snapshot->hostHeaderRec;

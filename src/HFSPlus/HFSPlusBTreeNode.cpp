@@ -179,6 +179,7 @@ void HFSPlusBTreeNode::zero()
 {
     std::memset(_data.get(), 0, _size);
     _dirty = true;
+    _checked = Checked::kNothing;
 }
 
 bool HFSPlusBTreeNode::setRecordData(std::span<const uint8_t> record, uint32_t index,

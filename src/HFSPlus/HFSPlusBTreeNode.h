@@ -37,6 +37,13 @@ public:
 
     /** Whether the record offsets are even, ascending and inside the node. */
     [[nodiscard]] bool hasSoundRecords() const;
+    /** What its tree has found good already, so that a node in the cache is not checked again.
+     *
+     *  Edits keep a good node good; bytes that come from elsewhere begin unchecked.
+     */
+    enum class Checked : uint8_t { kNothing, kOffsets, kRecords };
+    [[nodiscard]] Checked checked() const { return _checked; }
+    void setChecked(Checked checked) { _checked = checked; }
     /** Record @p index, writable in place; aborts beyond the last record. */
     [[nodiscard]] uint8_t* recordDataAtIndex(uint32_t index);
     [[nodiscard]] uint16_t recordSizeAtIndex(uint32_t index) const;
@@ -91,4 +98,5 @@ private:
     uint32_t _size;  // bytes
     std::unique_ptr<uint8_t[]> _data;
     bool _dirty = false;
+    Checked _checked = Checked::kNothing;
 };

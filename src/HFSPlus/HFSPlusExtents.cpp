@@ -63,6 +63,23 @@ HFSPlusExtentKey HFSPlusExtents::_makeKey(uint32_t block, uint32_t fileID, uint8
     return key;
 }
 
+/** Whether every record of @p node has the size of its kind and the one key length. */
+bool HFSPlusExtents::_hasGoodRecords(HFSPlusBTreeNode& node)
+{
+    if (node.checked() == HFSPlusBTreeNode::Checked::kRecords) {
+        return true;
+    }
+    const size_t size = node.kind() == kBTLeafNode ? sizeof(LeafRecord) : sizeof(IndexRecord);
+    for (uint32_t record = 0; record < node.recordCount(); ++record) {
+        if (node.recordSizeAtIndex(record) != size ||
+            node.recordAs<HFSPlusExtentKey>(record)->keyLength != kKeyLength) {
+            return false;
+        }
+    }
+    node.setChecked(HFSPlusBTreeNode::Checked::kRecords);
+    return true;
+}
+
 HFSPlusCachedNode HFSPlusExtents::_treeNode(uint32_t index, uint32_t height,
                                             VZDefragErrorSlot error)
 {
@@ -74,12 +91,7 @@ HFSPlusCachedNode HFSPlusExtents::_treeNode(uint32_t index, uint32_t height,
     const bool isLeaf = node->kind() == kBTLeafNode;
     bool sound = (isLeaf && height == 1) || (node->kind() == kBTIndexNode && height > 1);
     sound = sound && node->height() == height && (isLeaf || node->recordCount() > 0);
-    const size_t recordSize = isLeaf ? sizeof(LeafRecord) : sizeof(IndexRecord);
-    for (uint32_t record = 0; sound && record < node->recordCount(); ++record) {
-        sound = node->recordSizeAtIndex(record) == recordSize &&
-                node->recordAs<HFSPlusExtentKey>(record)->keyLength == kKeyLength;
-    }
-    if (!sound) {
+    if (!sound || !_hasGoodRecords(*node)) {
         std::ignore = VZDefragFail(error, kInconsistent);
         return {};
     }

@@ -78,6 +78,7 @@ private:
 
     [[nodiscard]] static HFSPlusExtentKey _makeKey(uint32_t block, uint32_t fileID,
                                                    uint8_t forkType);
+    [[nodiscard]] static bool _hasGoodRecords(HFSPlusBTreeNode& node);
     [[nodiscard]] static uint32_t _upperBound(const HFSPlusBTreeNode& node,
                                               const HFSPlusExtentKey& searchKey);
     [[nodiscard]] static bool _findRecord(const HFSPlusBTreeNode& node,
