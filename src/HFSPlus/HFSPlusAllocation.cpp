@@ -228,7 +228,7 @@ void HFSPlusAllocation::_trimChunkCache()
     }
 }
 
-void HFSPlusAllocation::_cachedChunkDealloc(std::shared_ptr<HFSPlusAllocationChunk> chunk)
+void HFSPlusAllocation::_cachedChunkDealloc(const std::shared_ptr<HFSPlusAllocationChunk>& chunk)
 {
     // A failure is logged by the chunk and remembered by the volume, which then refuses to write
     // a header over a bitmap that has lost a change.

@@ -98,7 +98,8 @@ private:
     explicit HFSPlusAllocation(HFSPlusVolume& volume);
 
     void cachedChunkRelease(HFSPlusAllocationChunk& chunk);
-    void _cachedChunkDealloc(std::shared_ptr<HFSPlusAllocationChunk> chunk);
+    /** @p chunk is the caller's own reference: the cache gives up both of its. */
+    void _cachedChunkDealloc(const std::shared_ptr<HFSPlusAllocationChunk>& chunk);
     void _trimChunkCache();
     [[nodiscard]] uint64_t _chunkCount() const;
     [[nodiscard]] uint64_t _chunkBytesInFile(uint32_t index) const;
