@@ -68,6 +68,9 @@ ToolProcess::ToolProcess(const Setup& setup) : _deadline(now() + kSecondsAllowed
     EXPECT_EQ(::pipe2(input.data(), O_CLOEXEC), 0);
     EXPECT_EQ(::pipe2(output.data(), O_CLOEXEC), 0);
     EXPECT_EQ(::pipe2(errors.data(), O_CLOEXEC), 0);
+    if (setup.outputPipeSize != 0) {
+        EXPECT_GE(::fcntl(output[1], F_SETPIPE_SZ, setup.outputPipeSize), setup.outputPipeSize);
+    }
     // A program that has ended must not take the test with it.
     std::signal(SIGPIPE, SIG_IGN);
 

@@ -23,6 +23,7 @@ public:
         std::optional<std::string> inputPath = {};            // a file instead of the pipe
         bool inputClosed = false;                             // no standard input at all
         bool outputClosed = false;                            // no standard output at all
+        int outputPipeSize = 0;                               // bytes; 0: what the system gives
     };
 
     explicit ToolProcess(const Setup& setup);

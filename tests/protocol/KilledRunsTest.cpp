@@ -1,0 +1,172 @@
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <ostream>
+#include <string>
+
+#include "Platform/TemporaryFolder.h"
+#include "protocol/DefragSession.h"
+#include "protocol/VolumeJudgement.h"
+
+namespace {
+
+constexpr uint32_t kBlockSize = 4096;
+constexpr uint32_t kFiles = 12;
+constexpr uint32_t kPieceBlocks = 32;
+constexpr uint32_t kFirstBlock = 2000;  // of the files
+constexpr std::chrono::seconds kTimeAllowed(60);
+constexpr uint64_t kMiB = uint64_t{1} << 20;
+
+/** A moment of a run: so much of the data of a copy list has been transferred. */
+struct Moment {
+    const char* name;
+    bool clearing;     // while the front is cleared; otherwise while forks are placed there
+    bool reading;      // counts bytes read; otherwise bytes written
+    uint32_t percent;  // of what the copy list carries
+};
+
+std::ostream& operator<<(std::ostream& stream, const Moment& moment)
+{
+    return stream << moment.name;
+}
+
+/** What one copy list carries on this machine, in bytes: the program's own share of memory. */
+uint64_t copyListBytes()
+{
+    const uint64_t memory = static_cast<uint64_t>(::sysconf(_SC_PHYS_PAGES)) *
+                            static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
+    return std::min(memory / 16, 64 * kMiB);
+}
+
+void buildVolume(const std::string& path)
+{
+    HFSPlusVolumeBuilder builder;
+    builder.blockSize(kBlockSize).totalBlocks(80000);
+    addInterleavedFiles(
+        builder,
+        {.firstBlock = kFirstBlock, .files = kFiles, .pieces = 50, .pieceBlocks = kPieceBlocks},
+        kBlockSize);
+    EXPECT_TRUE(builder.buildFile(path)) << builder.error();
+}
+
+/** Stops the process; false when it has ended. */
+bool stopProcess(pid_t process)
+{
+    int status = 0;
+    return ::kill(process, SIGSTOP) == 0 && ::waitpid(process, &status, WUNTRACED) == process &&
+           WIFSTOPPED(status);
+}
+
+/** Reads so many lines of the first copy list that the others find room in the pipe.
+ *
+ *  The list has a line for each piece that it clears away; the blocks before the first piece may
+ *  be free and then take the place of some.
+ */
+void readFirstList(DefragSession& session, DefragTranscript& run)
+{
+    const uint64_t most = copyListBytes() / (kPieceBlocks * kBlockSize);
+    while (run.moves().size() + kFirstBlock / kPieceBlocks + 1 < most) {
+        ASSERT_TRUE(session.readToFirstMove(run));
+    }
+}
+
+/** Kills a run on the image at @p path at the @p moment; false when the moment has passed. */
+bool killRunAt(const std::string& path, const Moment& moment)
+{
+    DefragTranscript run;
+    DefragSession session(path);
+    const auto transferred = [&] {
+        return moment.reading ? session.bytesRead() : session.bytesWritten();
+    };
+    uint64_t base = 0;
+    session.command("DEFRAG");
+    if (!moment.clearing) {
+        // The first list is on disk, and the program stands still until its lines are read.
+        EXPECT_TRUE(session.readToFirstMove(run));
+        base = transferred();
+        readFirstList(session, run);
+    }
+    const uint64_t wanted = base + copyListBytes() * moment.percent / 100;
+    const auto deadline = std::chrono::steady_clock::now() + kTimeAllowed;
+    while (transferred() < wanted && std::chrono::steady_clock::now() < deadline) {
+        ::sched_yield();
+    }
+    EXPECT_GE(transferred(), wanted);
+    const bool stopped = stopProcess(session.process().processID());
+    EXPECT_TRUE(stopped);
+    // Far from the last piece: what follows it is no longer the data's phase.
+    const bool inTime = transferred() < base + copyListBytes() * 95 / 100;
+    session.process().sendSignal(SIGKILL);
+    EXPECT_EQ(session.process().wait(), -SIGKILL);
+    return inTime;
+}
+
+class KilledRun : public testing::TestWithParam<Moment> {};
+
+TEST_P(KilledRun, LeavesEveryByteOfEveryFork)
+{
+    constexpr int kAttempts = 20;
+    const TemporaryFolder folder;
+    const std::string path = folder.path("volume.img");
+    bool inTime = false;
+    VolumeState before;
+
+    // A busy machine may show the moment only when it is over: then there is another run.
+    for (int attempt = 0; attempt < kAttempts && !inTime && !HasFailure(); ++attempt) {
+        buildVolume(path);
+        before = readVolumeState(path);
+        inTime = killRunAt(path, GetParam());
+    }
+
+    ASSERT_TRUE(inTime);
+    ASSERT_TRUE(before.check.consistent) << before.check.description();
+    ASSERT_EQ(before.hashes.size(), kFiles);
+    EXPECT_EQ(readVolumeState(path).hashes, before.hashes);
+}
+
+INSTANTIATE_TEST_SUITE_P(Program, KilledRun,
+                         testing::Values(Moment{"AtOnce", true, false, 0},
+                                         Moment{"WhileTheFrontIsRead", true, true, 50},
+                                         Moment{"WithTheFirstPieceWritten", true, false, 1},
+                                         Moment{"WithHalfTheFrontCleared", true, false, 50},
+                                         Moment{"WithMostOfTheFrontCleared", true, false, 80},
+                                         Moment{"WithTheFirstPiecePlaced", false, false, 1},
+                                         Moment{"WithHalfTheForksPlaced", false, false, 50},
+                                         Moment{"WithMostOfTheForksPlaced", false, false, 80}),
+                         [](const auto& instance) { return std::string(instance.param.name); });
+
+/** Runs whose output nobody reads any further stand still behind a copy list's flush. */
+class KilledBehindALine : public testing::TestWithParam<size_t> {};
+
+TEST_P(KilledBehindALine, LeavesASoundVolumeWithEveryByte)
+{
+    const TemporaryFolder folder;
+    const std::string path = folder.path("volume.img");
+    buildVolume(path);
+    const VolumeState before = readVolumeState(path);
+
+    DefragTranscript run;
+    DefragSession session(path);
+    session.command("DEFRAG");
+    while (run.moves().size() < GetParam()) {
+        ASSERT_TRUE(session.readToFirstMove(run));
+    }
+    session.process().sendSignal(SIGKILL);
+
+    EXPECT_EQ(session.process().wait(), -SIGKILL);
+    const VolumeState after = readVolumeState(path);
+    EXPECT_TRUE(after.check.consistent) << after.check.description();
+    EXPECT_TRUE(isAcceptedByFsck(path));
+    EXPECT_EQ(after.hashes, before.hashes);
+}
+
+INSTANTIATE_TEST_SUITE_P(Program, KilledBehindALine, testing::Values(1, 100, 520, 620),
+                         testing::PrintToStringParamName());
+
+}  // namespace
