@@ -1,14 +1,14 @@
+#include "HFSPlus/HFSPlusBTreeFile.h"
+
 #include <cstring>
 #include <utility>
 
-#include "HFSPlus/HFSPlusBTreeFile.h"
 #include "HFSPlus/HFSPlusBTreeSnapshot.h"
 #include "HFSPlus/HFSPlusBTreeTransaction.h"
 #include "KLKit/KLDebug.h"
 
 // The node cache of HFSPlusBTreeFile: references, the queue of nodes without any, eviction, and
-// the
-// transactions that put nodes back as they were.
+// the transactions that put nodes back as they were.
 
 HFSPlusCachedNode HFSPlusBTreeFile::cachedNodeWithIndex(uint32_t index,
                                                         std::span<const uint8_t> data,

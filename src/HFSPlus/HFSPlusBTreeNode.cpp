@@ -92,14 +92,14 @@ void HFSPlusBTreeNode::setHeight(uint8_t height)
 uint16_t HFSPlusBTreeNode::_offsetAtIndex(uint32_t index) const
 {
     HFSPlusDiskOrder::UInt16 offset;
-    std::memcpy(&offset, _data.get() + _size - kOffsetSize * (index + 1), sizeof offset);
+    std::memcpy(&offset, _data.get() + _size - size_t{kOffsetSize} * (index + 1), sizeof offset);
     return offset;
 }
 
 void HFSPlusBTreeNode::_setOffsetAtIndex(uint32_t index, uint16_t offset)
 {
     const HFSPlusDiskOrder::UInt16 value(offset);
-    std::memcpy(_data.get() + _size - kOffsetSize * (index + 1), &value, sizeof value);
+    std::memcpy(_data.get() + _size - size_t{kOffsetSize} * (index + 1), &value, sizeof value);
 }
 
 bool HFSPlusBTreeNode::hasSoundRecords() const

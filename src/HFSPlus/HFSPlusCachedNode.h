@@ -17,7 +17,7 @@ public:
     explicit operator bool() const { return _node != nullptr; }
     HFSPlusBTreeNode* operator->() const { return _node; }
     HFSPlusBTreeNode& operator*() const { return *_node; }
-    HFSPlusBTreeNode* get() const { return _node; }
+    [[nodiscard]] HFSPlusBTreeNode* get() const { return _node; }
 
 private:
     friend class HFSPlusBTreeFile;

@@ -1,6 +1,6 @@
-#include <cstring>
-
 #include "HFSPlus/HFSPlusExtents.h"
+
+#include <cstring>
 
 // Inserting into and deleting from the extents overflow tree, with the splits, the growth and the
 // collapse that this brings.

@@ -1,9 +1,10 @@
+#include "HFSPlus/HFSPlusForkExtents.h"
+
 #include <algorithm>
 
 #include "HFSPlus/HFSPlusAllocation.h"
 #include "HFSPlus/HFSPlusBTreeTransaction.h"
 #include "HFSPlus/HFSPlusExtents.h"
-#include "HFSPlus/HFSPlusForkExtents.h"
 #include "HFSPlus/HFSPlusFormatConversion.h"
 #include "HFSPlus/HFSPlusVolume.h"
 
