@@ -14,7 +14,6 @@
 namespace {
 
 /** Bounds the bounce buffer of an unaligned piece. */
-constexpr size_t kMaximumPieceSize = 1048576;
 
 /** Set from the command line before the device is opened, constant afterwards. */
 std::atomic<bool> safeBootFlag = false;
@@ -213,7 +212,7 @@ bool VZDefragVolume::read(void* buffer, size_t nbyte, uint64_t offset, VZDefragE
     }
     auto* destination = static_cast<uint8_t*>(buffer);
     while (nbyte > 0) {
-        const size_t piece = std::min(nbyte, kMaximumPieceSize);
+        const size_t piece = std::min(nbyte, kLargestPiece);
         const int64_t result =
             withoutInterruption([&] { return _readPiece(destination, piece, offset); });
         if (!isWholePiece(result, piece)) {
@@ -243,7 +242,7 @@ bool VZDefragVolume::write(const void* buffer, size_t nbyte, uint64_t offset,
     }
     const auto* source = static_cast<const uint8_t*>(buffer);
     while (nbyte > 0) {
-        const size_t piece = std::min(nbyte, kMaximumPieceSize);
+        const size_t piece = std::min(nbyte, kLargestPiece);
         // Before the attempt: a piece that failed may still have changed some of the blocks.
         _unsynchronized = true;
         const int64_t result =

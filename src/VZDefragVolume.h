@@ -32,6 +32,9 @@ public:
  */
 class VZDefragVolume {
 public:
+    /** Longer transfers go to the device in pieces of so many bytes. */
+    static constexpr size_t kLargestPiece = 1048576;
+
     /** Opens the device at @p path, probes it and returns the volume found there, or null. */
     [[nodiscard]] static std::unique_ptr<VZDefragVolume> initWithDevice(
         const std::string& path, PlatformDeviceOpener& opener, VZDefragVolumeProber& prober,

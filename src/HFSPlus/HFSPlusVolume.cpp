@@ -248,7 +248,11 @@ bool HFSPlusVolume::needsFlush() const
 void HFSPlusVolume::metadataWriteDidFail()
 {
     // While special files are flushed, the others still get their turn.
-    (_isFlushing ? _writeFailedInFlush : _writeFailed) = true;
+    if (_isFlushing) {
+        _writeFailedInFlush = true;
+    } else {
+        _writeFailed = true;
+    }
 }
 
 bool HFSPlusVolume::flush(VZDefragErrorSlot error)

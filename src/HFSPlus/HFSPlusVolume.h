@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <span>
@@ -96,8 +97,7 @@ public:
     [[nodiscard]] bool flush(VZDefragErrorSlot error);
     /** A change to a special file did not reach the disk and may be lost: ends all writing. */
     void metadataWriteDidFail();
-
-    // Diagnostic aids, logged at level debug. A full path must lead back to the file.
+    // Diagnostic aids, at level debug.
     [[nodiscard]] bool dumpFileExtents(const HFSPlusHostCatalogFile& file, VZDefragErrorSlot error);
     [[nodiscard]] bool dumpFileExtentsOverflows(const HFSPlusHostCatalogFile& file,
                                                 VZDefragErrorSlot error);
@@ -133,12 +133,12 @@ private:
     uint32_t _version = 0;
     bool _isHFSPlus = false;
     bool _isHFSX = false;
-    bool _willBumpWriteCount = false;
+    std::atomic<bool> _willBumpWriteCount = false;  // set by whatever thread writes
     bool _didBumpWriteCount = false;
     bool _dirty = false;
     bool _isFlushing = false;  // special files are being flushed
     bool _writeFailedInFlush = false;
-    bool _writeFailed = false;  // metadata on disk can no longer be trusted to be complete
+    std::atomic<bool> _writeFailed = false;  // what is on disk may be incomplete
     std::unique_ptr<HFSPlusExtents> _extents;
     std::unique_ptr<HFSPlusAllocation> _allocation;
     std::unique_ptr<HFSPlusAttributes> _attributes;  // null without an attributes file

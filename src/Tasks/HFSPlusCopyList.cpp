@@ -34,7 +34,7 @@ struct HFSPlusCopyList::Group {
 
 HFSPlusCopyList::HFSPlusCopyList(HFSPlusVolume& volume, HFSPlusCopyBuffer& buffer,
                                  HFSPlusDefragProgress& progress)
-    : _volume(volume), _buffer(buffer), _progress(progress)
+    : _volume(volume), _buffer(buffer), _progress(progress), _transfers(volume)
 {
 }
 
@@ -45,7 +45,7 @@ HFSPlusCopyList::~HFSPlusCopyList()
 
 bool HFSPlusCopyList::append(const HFSPlusCopyEntry& entry, VZDefragErrorSlot error)
 {
-    if (_blockCount + entry.count > _buffer.blocks()) {
+    if (_blockCount + entry.count > _buffer.capacity()) {
         return VZDefragFailInternal(error, kSource, kLineListBeyondBuffer);
     }
     std::unique_ptr<HFSPlusCopyEntry> node(new (std::nothrow) HFSPlusCopyEntry{
@@ -183,25 +183,29 @@ bool HFSPlusCopyList::_forEachRun(uint32_t (HFSPlusCopyEntry::*firstBlock)() con
 bool HFSPlusCopyList::_readData(VZDefragErrorSlot error)
 {
     const uint64_t blockSize = _volume.hostVolumeHeader().blockSize;
-    return _forEachRun(&HFSPlusCopyEntry::source, [&](uint32_t block, uint32_t count,
-                                                      uint64_t offset) {
-        if (offset != 0) {
-            _volume.yieldGate();
-        }
-        return _volume.read(_buffer.data() + offset, count * blockSize, block * blockSize, error);
-    });
+    const bool begun = _forEachRun(
+        &HFSPlusCopyEntry::source, [&](uint32_t block, uint32_t count, uint64_t offset) {
+            if (offset != 0) {
+                _volume.yieldGate();
+            }
+            _transfers.read(_buffer.data() + offset, count * blockSize, block * blockSize);
+            return true;
+        });
+    return _transfers.finish(error) && begun;
 }
 
 bool HFSPlusCopyList::_writeData(VZDefragErrorSlot error)
 {
     const uint64_t blockSize = _volume.hostVolumeHeader().blockSize;
-    return _forEachRun(&HFSPlusCopyEntry::destination, [&](uint32_t block, uint32_t count,
-                                                           uint64_t offset) {
-        if (offset != 0) {
-            _volume.yieldGate();
-        }
-        return _volume.write(_buffer.data() + offset, count * blockSize, block * blockSize, error);
-    });
+    const bool begun = _forEachRun(
+        &HFSPlusCopyEntry::destination, [&](uint32_t block, uint32_t count, uint64_t offset) {
+            if (offset != 0) {
+                _volume.yieldGate();
+            }
+            _transfers.write(_buffer.data() + offset, count * blockSize, block * blockSize);
+            return true;
+        });
+    return _transfers.finish(error) && begun;
 }
 
 std::vector<HFSPlusCopyList::Group> HFSPlusCopyList::_groups() const

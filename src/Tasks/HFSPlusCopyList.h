@@ -7,6 +7,7 @@
 #include "HFSPlus/HFSPlusFile.h"
 #include "HFSPlus/HFSPlusForkExtents.h"
 #include "VZDefragError.h"
+#include "VZDefragTransferQueue.h"
 
 class HFSPlusCopyBuffer;
 class HFSPlusDefragProgress;
@@ -75,6 +76,7 @@ private:
     HFSPlusVolume& _volume;
     HFSPlusCopyBuffer& _buffer;
     HFSPlusDefragProgress& _progress;
+    VZDefragTransferQueue _transfers;
     std::unique_ptr<HFSPlusCopyEntry> _head;
     HFSPlusCopyEntry* _tail = nullptr;
     uint64_t _blockCount = 0;  // of all entries; never more than the buffer holds

@@ -1,0 +1,123 @@
+#include "VZDefragTransferQueue.h"
+
+#include <algorithm>
+#include <system_error>
+#include <utility>
+
+#include "VZDefragVolume.h"
+
+namespace {
+
+/** Enough to keep a disk's own queue filled; more only makes seeking disks jump further. */
+constexpr size_t kThreads = 8;
+
+}  // namespace
+
+VZDefragTransferQueue::VZDefragTransferQueue(VZDefragVolume& volume) : _volume(volume)
+{
+    _threads.reserve(kThreads);
+    try {
+        while (_threads.size() < kThreads) {
+            _threads.emplace_back([this] { _work(); });
+        }
+    } catch (const std::system_error&) {
+        // With fewer threads it only takes longer; with none, finish() does the work itself.
+    }
+}
+
+VZDefragTransferQueue::~VZDefragTransferQueue()
+{
+    {
+        const std::lock_guard guard(_lock);
+        _ends = true;
+        _waiting.clear();
+    }
+    _changed.notify_all();
+    for (std::thread& thread : _threads) {
+        thread.join();
+    }
+}
+
+void VZDefragTransferQueue::read(uint8_t* buffer, size_t nbyte, uint64_t offset)
+{
+    _append({0, buffer, nullptr, nbyte, offset});
+}
+
+void VZDefragTransferQueue::write(const uint8_t* buffer, size_t nbyte, uint64_t offset)
+{
+    _append({0, nullptr, buffer, nbyte, offset});
+}
+
+void VZDefragTransferQueue::_append(Piece request)
+{
+    {
+        const std::lock_guard guard(_lock);
+        while (request.nbyte > 0 && _failure == nullptr) {
+            Piece piece = request;
+            piece.number = _nextNumber++;
+            piece.nbyte = std::min(request.nbyte, VZDefragVolume::kLargestPiece);
+            _waiting.push_back(piece);
+            request.target += request.target != nullptr ? piece.nbyte : 0;
+            request.source += request.source != nullptr ? piece.nbyte : 0;
+            request.offset += piece.nbyte;
+            request.nbyte -= piece.nbyte;
+        }
+    }
+    _changed.notify_all();
+}
+
+bool VZDefragTransferQueue::finish(VZDefragErrorSlot error)
+{
+    std::unique_lock guard(_lock);
+    while (_threads.empty() && !_waiting.empty()) {
+        const Piece piece = _waiting.front();
+        _waiting.pop_front();
+        if (!_transfer(piece, &_failure)) {
+            _waiting.clear();
+        }
+    }
+    _changed.wait(guard, [this] { return _waiting.empty() && _underWay == 0; });
+    std::unique_ptr<VZDefragError> failure = std::exchange(_failure, nullptr);
+    if (failure == nullptr) {
+        return true;
+    }
+    if (VZDefragWantsError(error)) {
+        *error = std::move(failure);
+    }
+    return false;
+}
+
+void VZDefragTransferQueue::_work()
+{
+    std::unique_lock guard(_lock);
+    for (;;) {
+        _changed.wait(guard, [this] { return _ends || !_waiting.empty(); });
+        if (_ends) {
+            return;
+        }
+        const Piece piece = _waiting.front();
+        _waiting.pop_front();
+        ++_underWay;
+        guard.unlock();
+        std::unique_ptr<VZDefragError> failure;
+        const bool transferred = _transfer(piece, &failure);
+        guard.lock();
+        --_underWay;
+        if (!transferred) {
+            if (_failure == nullptr || piece.number < _failedNumber) {
+                _failedNumber = piece.number;
+                _failure = std::move(failure);
+            }
+            _waiting.clear();
+        }
+        if (_waiting.empty() && _underWay == 0) {
+            _changed.notify_all();
+        }
+    }
+}
+
+bool VZDefragTransferQueue::_transfer(const Piece& piece, VZDefragErrorSlot error)
+{
+    return piece.target != nullptr ? _volume.read(piece.target, piece.nbyte, piece.offset, error)
+                                   : _volume.write(piece.source, piece.nbyte, piece.offset, error);
+}
