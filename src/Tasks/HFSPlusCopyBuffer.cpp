@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "HFSPlus/HFSPlusBTreeFormat.h"
 #include "Platform/PlatformSystem.h"
 
 namespace {
@@ -26,7 +27,7 @@ std::unique_ptr<HFSPlusCopyBuffer> HFSPlusCopyBuffer::initWithSize(uint64_t size
                                                                    uint32_t blockSize,
                                                                    VZDefragErrorSlot error)
 {
-    const uint64_t allocated = (size + kAlignment - 1) / kAlignment * kAlignment;
+    const uint64_t allocated = (size + kBTMaxNodeSize + kAlignment - 1) / kAlignment * kAlignment;
     std::unique_ptr<HFSPlusCopyBuffer> buffer(new HFSPlusCopyBuffer);
     buffer->_data.reset(static_cast<uint8_t*>(std::aligned_alloc(kAlignment, allocated)));
     if (buffer->_data == nullptr) {
@@ -35,5 +36,6 @@ std::unique_ptr<HFSPlusCopyBuffer> HFSPlusCopyBuffer::initWithSize(uint64_t size
     }
     buffer->_size = size;
     buffer->_blocks = static_cast<uint32_t>(size / blockSize);
+    buffer->_capacity = static_cast<uint32_t>(allocated / blockSize);
     return buffer;
 }

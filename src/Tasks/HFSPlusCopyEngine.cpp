@@ -2,6 +2,9 @@
 
 #include <algorithm>
 
+#include "HFSPlus/HFSPlusAttributes.h"
+#include "HFSPlus/HFSPlusCatalog.h"
+#include "HFSPlus/HFSPlusExtents.h"
 #include "HFSPlus/HFSPlusFreeMap.h"
 #include "HFSPlus/HFSPlusVolume.h"
 #include "KLKit/KLDebug.h"
@@ -54,6 +57,25 @@ bool HFSPlusCopyEngine::run(VZDefragErrorSlot error)
 uint32_t HFSPlusCopyEngine::_movableBlocks() const
 {
     return _map().blockCount() - _map().blockCountForType(kHFSPlusExtentImmutable);
+}
+
+/** Blocks of a file that may not be parted: a node of a B-tree on a journaled volume, whose other
+ *  drivers take every node for contiguous. */
+uint32_t HFSPlusCopyEngine::_blocksKeptTogether(uint32_t cnid) const
+{
+    if (!_volume.isJournaled() || !_volume.isSpecialFile(cnid)) {
+        return 1;
+    }
+    const HFSPlusBTreeFile* tree = nullptr;
+    if (cnid == kHFSCatalogFileID) {
+        tree = &_volume.catalog();
+    } else if (cnid == kHFSExtentsFileID) {
+        tree = &_volume.extents();
+    } else if (cnid == kHFSAttributesFileID) {
+        tree = _volume.attributes();
+    }
+    const uint32_t nodeSize = tree == nullptr ? 0 : tree->nodeSize();
+    return std::max(nodeSize / _volume.hostVolumeHeader().blockSize, 1u);
 }
 
 HFSPlusCopyEngine::Cycle HFSPlusCopyEngine::_runCycle(VZDefragErrorSlot error)
@@ -232,18 +254,45 @@ bool HFSPlusCopyEngine::_queueEvictions(uint32_t zone, uint32_t end, VZDefragErr
             continue;
         }
         const uint32_t inside = std::min(count, zone - position);
-        uint32_t offset = 0;
-        while (entry->type() == kHFSPlusExtentAllocated && offset < inside) {
-            uint32_t given = inside - offset;
-            const uint32_t destination = freeMap->allocate(given, error);
-            if (destination == 0 ||
-                !_copyList.append(
-                    {entry->start, entry->cnid, entry->info, offset, given, destination}, error)) {
+        if (entry->type() == kHFSPlusExtentAllocated) {
+            const uint32_t unit = _blocksKeptTogether(entry->cnid);
+            const uint64_t whole = (uint64_t{inside} + unit - 1) / unit * unit;
+            const auto evicted = static_cast<uint32_t>(std::min<uint64_t>(whole, count));
+            if (!_queueEviction(*entry, evicted, *freeMap, error)) {
                 return false;
             }
-            offset += given;
         }
         position += inside;
+    }
+    return true;
+}
+
+bool HFSPlusCopyEngine::_queueEviction(const HFSPlusExtentMapEntry& entry, uint32_t count,
+                                       HFSPlusFreeMap& freeMap, VZDefragErrorSlot error)
+{
+    const uint32_t unit = _blocksKeptTogether(entry.cnid);
+    uint32_t offset = 0;
+    while (offset < count) {
+        uint32_t given = count - offset;
+        const uint32_t destination = freeMap.allocate(given, error);
+        if (destination == 0) {
+            return false;
+        }
+        const uint32_t rest = given < count - offset ? given % unit : 0;
+        if (rest != 0) {
+            if (rest == given) {
+                return VZDefragFail(error, "The amount of free space is insufficient.");
+            }
+            given -= rest;
+            if (!freeMap.insert(destination + given, rest, error)) {
+                return false;
+            }
+        }
+        if (!_copyList.append({entry.start, entry.cnid, entry.info, offset, given, destination},
+                              error)) {
+            return false;
+        }
+        offset += given;
     }
     return true;
 }
@@ -289,7 +338,12 @@ bool HFSPlusCopyEngine::_queuePiece(HFSPlusSourceSelection::Piece piece, uint32_
     }
     const uint32_t destination = front->start;
     const uint32_t source = piece.start + piece.offset;
-    piece.count = std::min({piece.count, frontCount, room});
+    const uint32_t possible = std::min({piece.count, frontCount, room});
+    const uint32_t unit = _blocksKeptTogether(piece.cnid);
+    piece.count = possible < piece.count ? possible - possible % unit : possible;
+    if (piece.count == 0) {
+        return _skipFront(room, frontCount, queued, error);
+    }
     queued += piece.count;
     return _copyList.append(
                {piece.start, piece.cnid, HFSPlusExtentInfo(kHFSPlusExtentAllocated, piece.fork),
@@ -298,4 +352,20 @@ bool HFSPlusCopyEngine::_queuePiece(HFSPlusSourceSelection::Piece piece, uint32_
            _selection.putSourceEntry(piece, error) &&
            _map().removeToBlock(destination + piece.count, error) &&
            _map().deleteRun(source, piece.count, error);
+}
+
+/** Leaves blocks at the front free that are too few for the next node. */
+bool HFSPlusCopyEngine::_skipFront(uint32_t room, uint32_t frontCount, uint32_t& queued,
+                                   VZDefragErrorSlot error)
+{
+    if (frontCount < room) {
+        // The free run ends at something immutable: what follows begins behind that.
+        queued += frontCount;
+        return _map().removeToBlock(_map().startBlock() + frontCount, error);
+    }
+    if (queued == 0) {
+        return VZDefragFail(error, "Volume is too congested, unable to continue.");
+    }
+    queued += room;  // the cycle is full; the next one goes on at this block
+    return true;
 }

@@ -8,6 +8,7 @@
 
 class HFSPlusCopyBuffer;
 class HFSPlusDefragProgress;
+class HFSPlusFreeMap;
 class HFSPlusVolume;
 class KLToolTask;
 
@@ -26,6 +27,7 @@ private:
 
     [[nodiscard]] HFSPlusExtentMap& _map() const { return *_span.extentMap(); }
     [[nodiscard]] uint32_t _movableBlocks() const;
+    [[nodiscard]] uint32_t _blocksKeptTogether(uint32_t cnid) const;
     [[nodiscard]] Cycle _runCycle(VZDefragErrorSlot error);
     [[nodiscard]] Cycle _prepareSpan(uint32_t& movable, VZDefragErrorSlot error);
     [[nodiscard]] bool _rebuildFromFront(VZDefragErrorSlot error);
@@ -35,9 +37,13 @@ private:
     [[nodiscard]] bool _findCopyZoneEnd(uint32_t zone, uint32_t& end,
                                         VZDefragErrorSlot error) const;
     [[nodiscard]] bool _queueEvictions(uint32_t zone, uint32_t end, VZDefragErrorSlot error);
+    [[nodiscard]] bool _queueEviction(const HFSPlusExtentMapEntry& entry, uint32_t count,
+                                      HFSPlusFreeMap& freeMap, VZDefragErrorSlot error);
     [[nodiscard]] bool _fillCycle(uint32_t zone, VZDefragErrorSlot error);
     [[nodiscard]] bool _queuePiece(HFSPlusSourceSelection::Piece piece, uint32_t room,
                                    uint32_t& queued, VZDefragErrorSlot error);
+    [[nodiscard]] bool _skipFront(uint32_t room, uint32_t frontCount, uint32_t& queued,
+                                  VZDefragErrorSlot error);
 
     HFSPlusVolume& _volume;
     const KLToolTask& _task;

@@ -209,3 +209,37 @@ TEST(HFSPlusSpecialFiles, AnOverflowFileWithoutFreeNodesEndsTheRunWithEveryForkW
     EXPECT_TRUE(after.consistent) << after.description();
     EXPECT_EQ(volume.hashes(), before);
 }
+
+TEST(HFSPlusSpecialFiles, NodesOfAJournaledVolumeStayWholeHoweverARunEnds)
+{
+    // Nodes of four blocks, crumbs of odd sizes to evict to, bad blocks in the way, and a device
+    // that stops answering ever later.
+    HFSPlusVolumeBuilder builder;
+    builder.blockSize(1024).totalBlocks(4000).journal(3000, 64).journalInfoBlock(3100);
+    builder.catalogNodeSize(4096).extentsNodeSize(4096).attributesNodeSize(4096).attributesFile();
+    builder.catalogExtents({{300, 60}, {500, 40}}).extentsFileExtents({{400, 12}, {600, 20}});
+    builder.attributesExtents({{700, 16}, {760, 16}});
+    builder.badBlocks({{203, 1}, {230, 3}, {257, 2}});
+    for (uint32_t file = 0; file < 40; ++file) {
+        builder.file("/file " + std::to_string(file))
+            .data({{1000 + 20 * file, 3}, {1009 + 20 * file, 4}, {1019 + 20 * file, 1}});
+    }
+    bool reached = true;
+    for (uint64_t ordinal = 1; reached; ordinal += 3) {
+        HFSPlusOpenedVolume volume(builder);
+        ASSERT_TRUE(volume) << volume.error();
+        const HFSPlusForkHashes before = volume.hashes();
+        volume.faults().fail(FaultyBlockDevice::Operation::kRead, ordinal, 5,
+                             FaultyBlockDevice::Lasting::kFromThenOn);
+
+        const DefragOutput output = runDefrag(*volume, uint64_t{150} * 1024);
+
+        reached = volume.faults().faultReached();
+        EXPECT_EQ(output.error().empty(), !reached) << output.error();
+        volume.faults().heal();
+        volume.close();
+        const HFSPlusCheckResult after = volume.check();
+        ASSERT_TRUE(after.consistent) << "read " << ordinal << ": " << after.description();
+        ASSERT_EQ(volume.hashes(), before);
+    }
+}
