@@ -11,7 +11,7 @@
 namespace {
 
 // The checked build keeps freed memory for a while, so it says little about the program's need.
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr uint64_t kMemoryAllowed = uint64_t{1} << 30;
 #elif defined(__has_feature)
 #if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
