@@ -28,8 +28,9 @@ public:
      *  EBUSY: somebody else holds the device. EACCES: no permission, or a read-only file system.
      *  A device opened for writing may still say that it is not writable.
      */
-    [[nodiscard]] virtual std::unique_ptr<PlatformBlockDevice> openDevice(
-        const std::string& path, Mode mode, int& errorNumber) = 0;
+    [[nodiscard]] virtual std::unique_ptr<PlatformBlockDevice> openDevice(const std::string& path,
+                                                                          Mode mode,
+                                                                          int& errorNumber) = 0;
 
     /** Whether a file system on @p path, or on a loop device that @p path backs, is mounted. */
     [[nodiscard]] virtual MountState mountState(const std::string& path) = 0;
