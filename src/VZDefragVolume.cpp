@@ -13,8 +13,6 @@
 
 namespace {
 
-/** Bounds the bounce buffer of an unaligned piece. */
-
 /** Set from the command line before the device is opened, constant afterwards. */
 std::atomic<bool> safeBootFlag = false;
 
@@ -305,6 +303,7 @@ int64_t VZDefragVolume::_writePiece(const uint8_t* buffer, size_t nbyte, uint64_
     if (bounce == nullptr) {
         return -ENOMEM;
     }
+    const std::lock_guard guard(_spanLock);
     int64_t result = _device->readAt(bounce.get(), span.nbyte, span.offset);
     if (result < static_cast<int64_t>(span.nbyte)) {
         // A short read leaves bytes unknown that the write would put back: nothing is written.

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "KLKit/KLThreadGate.h"
@@ -32,7 +33,8 @@ public:
  */
 class VZDefragVolume {
 public:
-    /** Longer transfers go to the device in pieces of so many bytes. */
+    /** Longer transfers go to the device in pieces of so many bytes, which bounds the memory that
+     *  an unaligned piece takes. */
     static constexpr size_t kLargestPiece = 1048576;
 
     /** Opens the device at @p path, probes it and returns the volume found there, or null. */
@@ -117,6 +119,9 @@ private:
     uint32_t _deviceBlockSize = 0;                 // bytes
     uint64_t _deviceBlockCount = 0;
     uint64_t _deviceSizeBytes = 0;
+    // Held from reading a span until it is written back with a piece changed: two pieces that share
+    // a device block would otherwise undo one another.
+    std::mutex _spanLock;
     std::atomic<bool> _unsynchronized = false;  // something was written since the last barrier
     std::atomic<bool> _synchronizationFailed = false;
 };

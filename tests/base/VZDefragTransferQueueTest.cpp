@@ -79,6 +79,24 @@ TEST_F(VZDefragTransferQueueTest, WritesAreOnTheDeviceWhenFinishReturns)
     EXPECT_EQ(found, written);
 }
 
+TEST_F(VZDefragTransferQueueTest, PiecesThatShareADeviceBlockDoNotUndoOneAnother)
+{
+    constexpr uint32_t kDeviceBlockSize = 65536;
+    constexpr size_t kPiece = 512;
+    MemoryBlockDevice memory(kMiB, kDeviceBlockSize);
+    const auto volume = VZDefragVolume::initWithBlockDevice("/dev/memory", memory.share());
+    VZDefragTransferQueue queue(*volume);
+
+    for (size_t offset = 0; offset < kMiB; offset += kPiece) {
+        queue.write(_bytes.data() + offset, kPiece, offset);
+    }
+    ASSERT_TRUE(queue.finish(nullptr));
+
+    std::vector<uint8_t> found(kMiB);
+    memory.peek(found.data(), found.size(), 0);
+    EXPECT_TRUE(std::equal(found.begin(), found.end(), _bytes.begin()));
+}
+
 TEST_F(VZDefragTransferQueueTest, AFailureIsTheFirstInTheOrderOfAskingAndIsToldOnce)
 {
     std::vector<uint8_t> read(kMiB);
