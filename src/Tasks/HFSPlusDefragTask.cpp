@@ -23,14 +23,10 @@ std::string trimmed(std::string_view text)
 
 }  // namespace
 
-HFSPlusDefragTask::HFSPlusDefragTask(HFSPlusVolume& volume)
-    : VZDefragTask(volume),
-      _volume(volume),
-      _allocatedBlocks(volume.hostVolumeHeader().totalBlocks - volume.hostVolumeHeader().freeBlocks)
+HFSPlusDefragTask::HFSPlusDefragTask(HFSPlusVolume& volume) : VZDefragTask(volume), _volume(volume)
 {
     setName("DEFRAG");
     setAction([this] { _defrag(); });
-    _progress = std::make_unique<HFSPlusDefragProgress>(*this, _allocatedBlocks);
 }
 
 void HFSPlusDefragTask::setProfileFileForks(std::unique_ptr<HFSPlusFileForkSet> fileForks)
@@ -60,7 +56,7 @@ bool HFSPlusDefragTask::_parseOptions(VZDefragErrorSlot error)
     for (size_t index = 1; index < words.size(); ++index) {
         const std::string& word = words[index];
         if (word == "-q" || word == "--quiet") {
-            _progress->setVerbose(false);
+            _verbose = false;
         } else if (word == "-p" || word == "--profile") {
             if (index + 1 == words.size()) {
                 return VZDefragFail(error, "Option %1$@ requires an argument.", word);
@@ -104,6 +100,9 @@ bool HFSPlusDefragTask::_checkVolume(VZDefragErrorSlot error) const
 
 bool HFSPlusDefragTask::_moveData(VZDefragErrorSlot error)
 {
+    // Not sooner: while the task waits for the volume, another run may be changing the count.
+    const HFSPlusHostVolumeHeader& header = _volume.hostVolumeHeader();
+    _allocatedBlocks = header.totalBlocks - header.freeBlocks;
     if (!_prepareProfiles(error) || !_prepareForRun(error)) {
         return false;
     }
@@ -275,6 +274,8 @@ HFSPlusDefragTask::Front HFSPlusDefragTask::_frontEntryInProfile(
 
 void HFSPlusDefragTask::_startProgress()
 {
+    _progress = std::make_unique<HFSPlusDefragProgress>(*this, _allocatedBlocks);
+    _progress->setVerbose(_verbose);
     const uint32_t total = _span->extentMap()->dataBlockTotal();
     _progress->setBlocksTotal(
         _skippedBlocks <= total ? total - static_cast<uint32_t>(_skippedBlocks) : total);

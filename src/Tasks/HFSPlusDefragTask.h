@@ -44,7 +44,8 @@ private:
     void _startProgress();
 
     HFSPlusVolume& _volume;
-    uint32_t _allocatedBlocks;
+    uint32_t _allocatedBlocks = 0;  // when the run began
+    bool _verbose = true;
     bool _useAppProfile = false;
     bool _useBootProfile = false;
     std::optional<uint64_t> _copyBufferSize;  // bytes

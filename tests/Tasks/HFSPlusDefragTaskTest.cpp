@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "HFSPlus/HFSPlusAllocation.h"
 #include "HFSPlus/HFSPlusCatalog.h"
 #include "HFSPlus/HFSPlusVolumeProber.h"
 #include "Tasks/DefragRun.h"
@@ -181,6 +182,19 @@ TEST(HFSPlusDefragTask, EveryMoveTellsPercentPlacesCountAndUsedBlocks)
         EXPECT_GE(move.percent, percent);
         percent = move.percent;
     }
+}
+
+TEST(HFSPlusDefragTask, UsedBlocksAreThoseOfTheRunsBeginningAndNotOfTheTasksCreation)
+{
+    HFSPlusOpenedVolume volume(fragmentedVolume());
+    const uint32_t used = 1000 - volume->hostVolumeHeader().freeBlocks;
+
+    const DefragOutput output = runDefrag(*volume, kBuffer, {"DEFRAG"}, [&](HFSPlusDefragTask&) {
+        EXPECT_TRUE(volume->allocation().set(900, 1, nullptr));
+    });
+
+    ASSERT_NE(output.moves().size(), 0u);
+    EXPECT_EQ(output.moves().front().allocatedBlocks, used + 1);
 }
 
 TEST(HFSPlusDefragTask, ForksOfTheProfileComeFirstInItsOrder)
