@@ -253,6 +253,9 @@ bool HFSPlusBTreeFile::flush()
         std::unique_ptr<VZDefragError> failure;
         if (!_updateHeaderAndMapRecords(&failure)) {
             KLDebugLog(KLDebugLevel::kWarning, "%@\n", failure->description());
+            // The nodes get their turn below, but what the volume header says must not follow a
+            // tree whose own header stayed behind.
+            _volume.metadataWriteDidFail();
         }
         _updated = false;
     }

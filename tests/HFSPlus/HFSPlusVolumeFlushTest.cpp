@@ -340,3 +340,29 @@ TEST_F(HFSPlusVolumeFlushTest, WrappedVolumeGetsItsHeadersInsideTheWrapper)
         (Changes{write(start + 1024), write(start + wrapped.plan().volumeSize - 1024), kSync}));
     EXPECT_TRUE(wrapped.check().consistent) << wrapped.check().description();
 }
+
+TEST(HFSPlusVolumeFlush, ATreeWhoseHeaderStaysBehindEndsAllWriting)
+{
+    HFSPlusVolumeBuilder builder;
+    HFSPlusBuilderExtents extents;
+    for (uint32_t piece = 0; piece < 20; ++piece) {
+        extents.push_back({500 + 3 * piece, 1});
+    }
+    builder.blockSize(4096).totalBlocks(1000).file("/f", 20).data(extents);
+    HFSPlusOpenedVolume volume(builder);
+    ASSERT_TRUE(volume) << volume.error();
+    // With room for one node the header node is gone from the cache and has to be read again.
+    volume->extents().setNodeCacheSize(volume->extents().nodeSize());
+    ASSERT_TRUE(volume->extents().deleteExtentRecord(16, 20, 0, nullptr));
+    volume.faults().fail(FaultyBlockDevice::Operation::kRead, 1, 5,
+                         FaultyBlockDevice::Lasting::kFromThenOn);
+
+    std::unique_ptr<VZDefragError> failure;
+    EXPECT_FALSE(volume->flush(&failure));
+
+    EXPECT_EQ(failure->description(), "Write failure.");
+    for (const MemoryBlockDevice::Operation& operation : volume.operations()) {
+        EXPECT_FALSE(operation.kind == MemoryBlockDevice::Operation::Kind::kWrite &&
+                     operation.offset == 1024);
+    }
+}
