@@ -1,3 +1,5 @@
+#include "HFSPlus/HFSPlusVolume.h"
+
 #include <array>
 #include <functional>
 #include <string>
@@ -7,7 +9,6 @@
 #include "HFSPlus/HFSPlusCatalog.h"
 #include "HFSPlus/HFSPlusExtents.h"
 #include "HFSPlus/HFSPlusFormatConversion.h"
-#include "HFSPlus/HFSPlusVolume.h"
 #include "KLKit/KLDebug.h"
 #include "VZDefragStringUtilities.h"
 

@@ -1,3 +1,5 @@
+#include "HFSPlus/HFSPlusVolume.h"
+
 #include <algorithm>
 #include <array>
 #include <bit>
@@ -10,7 +12,6 @@
 #include "HFSPlus/HFSPlusCatalog.h"
 #include "HFSPlus/HFSPlusExtents.h"
 #include "HFSPlus/HFSPlusFormatConversion.h"
-#include "HFSPlus/HFSPlusVolume.h"
 #include "KLKit/KLDebug.h"
 #include "KLKit/KLStringUtilities.h"
 
