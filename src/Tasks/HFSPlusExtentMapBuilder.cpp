@@ -186,13 +186,21 @@ bool HFSPlusExtentMapBuilder::_insertForkExtents(const HFSPlusForkData& fork, ui
     const uint32_t info = HFSPlusExtentInfo(entryType, forkType);
     const uint64_t totalBlocks = fork.totalBlocks;
     uint64_t sum = 0;
-    for (const HFSPlusExtentDescriptor& extent : fork.extents) {
-        if (!extent.isEmpty()) {
-            if (!_insertExtent(extent.startBlock, extent.blockCount, fileID, info, error)) {
-                return false;
+    const auto insertAll = [&](const HFSPlusExtentRecord& extents) {
+        return std::ranges::all_of(extents, [&](const HFSPlusExtentDescriptor& extent) {
+            if (extent.isEmpty()) {
+                return true;
+            }
+            if (sum >= totalBlocks && entryType != kHFSPlusExtentImmutable) {
+                // A move rewrites the fork's records up to its last block and would drop this one.
+                return VZDefragFail(error, "Volume is inconsistent.");
             }
             sum += extent.blockCount;
-        }
+            return _insertExtent(extent.startBlock, extent.blockCount, fileID, info, error);
+        });
+    };
+    if (!insertAll(fork.extents)) {
+        return false;
     }
     // Each record begins where the one before it ended and adds a block at least.
     while (sum < totalBlocks) {
@@ -207,13 +215,8 @@ bool HFSPlusExtentMapBuilder::_insertForkExtents(const HFSPlusForkData& fork, ui
             return forkType == kHFSResourceForkType ||
                    VZDefragFail(error, "Overflow extent record missing.");
         }
-        for (const HFSPlusExtentDescriptor& extent : record) {
-            if (!extent.isEmpty() && sum < totalBlocks) {
-                if (!_insertExtent(extent.startBlock, extent.blockCount, fileID, info, error)) {
-                    return false;
-                }
-                sum += extent.blockCount;
-            }
+        if (!insertAll(record)) {
+            return false;
         }
     }
     return true;

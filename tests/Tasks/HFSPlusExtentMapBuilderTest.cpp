@@ -306,6 +306,30 @@ TEST(HFSPlusExtentMapBuilder, AnExtentBeyondTheVolumeIsRefused)
     EXPECT_EQ(span.error, "Volume is inconsistent.");
 }
 
+TEST(HFSPlusExtentMapBuilder, AForkWithExtentsBehindItsLastBlockIsRefused)
+{
+    // The records of such a fork could not be rewritten without losing those extents.
+    HFSPlusVolumeBuilder builder = plainVolume();
+    builder.file("/f", 20).data({{300, 10}}).resource({{330, 1}, {320, 1}});
+    builder.damage(damagedCatalogRecord(20, "resourceFork.totalBlocks", 1));
+    const Span inCatalog(builder);
+
+    EXPECT_FALSE(inCatalog.built);
+    EXPECT_EQ(inCatalog.error, "Volume is inconsistent.");
+
+    HFSPlusVolumeBuilder longer = plainVolume();
+    HFSPlusBuilderExtents extents;
+    for (uint32_t piece = 0; piece < 12; ++piece) {
+        extents.push_back({300 + 2 * piece, 1});
+    }
+    longer.file("/f", 20).data(extents);
+    longer.damage(damagedCatalogRecord(20, "dataFork.totalBlocks", 10));
+    const Span inOverflowFile(longer);
+
+    EXPECT_FALSE(inOverflowFile.built);
+    EXPECT_EQ(inOverflowFile.error, "Volume is inconsistent.");
+}
+
 namespace {
 
 constexpr uint32_t kCrowdedRuns = 262200;  // more runs than one span holds
