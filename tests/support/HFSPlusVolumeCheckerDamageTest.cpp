@@ -143,6 +143,9 @@ const Damage kHeaderDamages[] = {
     {"JournalInfoBlockElsewhere", "journaled",
      [](Sample& volume) { volume.put(Sample::headerField(12), 4, 0x7FFFFFFF); },
      "journal info block 2147483647 is not"},
+    {"JournalInfoBlockInFreeSpace", "journaled",
+     [](Sample& volume) { volume.put(Sample::headerField(12), 4, volume.sound().totalBlocks - 2); },
+     "belongs to no file"},
     {"JournalElsewhere", "journaled",
      [](Sample& volume) {
          const uint64_t info = uint64_t{volume.sound().journalInfoBlock} * 4096;

@@ -208,6 +208,11 @@ void HFSPlusCheckHeader::checkJournal(const HFSPlusCheckUsage& usage,
                                 _result.journalInfoBlock);
         return;
     }
+    const auto* infoRun = usage.runWithBlock(_result.journalInfoBlock);
+    if (infoRun == nullptr || infoRun->owner != HFSPlusCheckOwner::kFork) {
+        _volume.problems.report("journal info block %u belongs to no file",
+                                _result.journalInfoBlock);
+    }
     const uint32_t flags = checkedUInt32(info.data());
     if ((flags & kJournalInFileSystem) == 0) {
         return;  // it is on another device, out of reach
@@ -227,11 +232,6 @@ void HFSPlusCheckHeader::_checkJournalPlace(uint64_t start, uint64_t size,
                                             const HFSPlusCheckUsage& usage,
                                             const HFSPlusCheckCatalog& catalog)
 {
-    const auto* infoRun = usage.runWithBlock(_result.journalInfoBlock);
-    if (infoRun == nullptr || infoRun->owner != HFSPlusCheckOwner::kFork) {
-        _volume.problems.report("journal info block %u belongs to no file",
-                                _result.journalInfoBlock);
-    }
     const uint64_t firstBlock = start / _volume.blockSize;
     const uint64_t endBlock = (start + size - 1) / _volume.blockSize + 1;
     const auto* run = firstBlock < _volume.totalBlocks
