@@ -70,11 +70,7 @@ bool VZDefragTransferQueue::finish(VZDefragErrorSlot error)
 {
     std::unique_lock guard(_lock);
     while (_threads.empty() && !_waiting.empty()) {
-        const Piece piece = _waiting.front();
-        _waiting.pop_front();
-        if (!_transfer(piece, &_failure)) {
-            _waiting.clear();
-        }
+        _doNextPiece(guard);
     }
     _changed.wait(guard, [this] { return _waiting.empty() && _underWay == 0; });
     std::unique_ptr<VZDefragError> failure = std::exchange(_failure, nullptr);
@@ -95,24 +91,30 @@ void VZDefragTransferQueue::_work()
         if (_ends) {
             return;
         }
-        const Piece piece = _waiting.front();
-        _waiting.pop_front();
-        ++_underWay;
-        guard.unlock();
-        std::unique_ptr<VZDefragError> failure;
-        const bool transferred = _transfer(piece, &failure);
-        guard.lock();
-        --_underWay;
-        if (!transferred) {
-            if (_failure == nullptr || piece.number < _failedNumber) {
-                _failedNumber = piece.number;
-                _failure = std::move(failure);
-            }
-            _waiting.clear();
-        }
+        _doNextPiece(guard);
         if (_waiting.empty() && _underWay == 0) {
             _changed.notify_all();
         }
+    }
+}
+
+/** Carries out the next waiting piece with @p guard open meanwhile. */
+void VZDefragTransferQueue::_doNextPiece(std::unique_lock<std::mutex>& guard)
+{
+    const Piece piece = _waiting.front();
+    _waiting.pop_front();
+    ++_underWay;
+    guard.unlock();
+    std::unique_ptr<VZDefragError> failure;
+    const bool transferred = _transfer(piece, &failure);
+    guard.lock();
+    --_underWay;
+    if (!transferred) {
+        if (_failure == nullptr || piece.number < _failedNumber) {
+            _failedNumber = piece.number;
+            _failure = std::move(failure);
+        }
+        _waiting.clear();
     }
 }
 

@@ -46,6 +46,7 @@ private:
 
     void _append(Piece request);
     void _work();
+    void _doNextPiece(std::unique_lock<std::mutex>& guard);
     [[nodiscard]] bool _transfer(const Piece& piece, VZDefragErrorSlot error);
 
     VZDefragVolume& _volume;
