@@ -52,15 +52,12 @@ private:
     };
     static constexpr uint32_t kNoPiece = UINT32_MAX;
 
-    struct BitmapChange {
-        HFSPlusHostExtentDescriptor extent;
-        bool isSet;  // else cleared
-    };
     /** What update() keeps back until every change of the overflow file went through. */
     struct PendingChanges {
         std::optional<HFSPlusHostExtentRecord> firstRecord;
         bool setZeroLength = false;
-        std::vector<BitmapChange> bitmap;  // in this order
+        std::vector<HFSPlusHostExtentDescriptor> freed;
+        std::vector<HFSPlusHostExtentDescriptor> used;  // may hold blocks that are freed as well
     };
 
     HFSPlusForkExtents(HFSPlusVolume& volume, uint32_t fileID, uint8_t forkType);

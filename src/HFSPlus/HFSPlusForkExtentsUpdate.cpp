@@ -201,7 +201,7 @@ bool HFSPlusForkExtents::_insertForkExtents(const HFSPlusHostExtentRecord& recor
     }
     for (const HFSPlusHostExtentDescriptor& extent : record) {
         if (!extent.isEmpty()) {
-            changes.bitmap.push_back({extent, true});
+            changes.used.push_back(extent);
         }
     }
     return true;
@@ -222,7 +222,7 @@ bool HFSPlusForkExtents::_updateForkExtents(const HFSPlusHostExtentRecord& recor
     _clearExtents(old, startBlock, changes);
     for (const HFSPlusHostExtentDescriptor& extent : record) {
         if (!extent.isEmpty()) {
-            changes.bitmap.push_back({extent, true});
+            changes.used.push_back(extent);
         }
     }
     return true;
@@ -246,14 +246,14 @@ bool HFSPlusForkExtents::_writeFirstRecord(const PendingChanges& changes, VZDefr
 
 void HFSPlusForkExtents::_applyToBitmap(const PendingChanges& changes)
 {
-    // The records are written already, so a chunk that cannot be read stops nothing here: a block
-    // that stays marked is found by the next run's comparison of the map with the bitmap.
+    // All is freed before anything is marked: an extent may have gone from one record to another.
+    // The records are written already, so a chunk that cannot be read stops nothing here.
     HFSPlusAllocation& allocation = _volume.allocation();
-    for (const BitmapChange& change : changes.bitmap) {
-        const HFSPlusHostExtentDescriptor& extent = change.extent;
-        std::ignore = change.isSet
-                          ? allocation.set(extent.startBlock, extent.blockCount, nullptr)
-                          : allocation.clear(extent.startBlock, extent.blockCount, nullptr);
+    for (const HFSPlusHostExtentDescriptor& extent : changes.freed) {
+        std::ignore = allocation.clear(extent.startBlock, extent.blockCount, nullptr);
+    }
+    for (const HFSPlusHostExtentDescriptor& extent : changes.used) {
+        std::ignore = allocation.set(extent.startBlock, extent.blockCount, nullptr);
     }
 }
 
@@ -267,7 +267,7 @@ void HFSPlusForkExtents::_clearExtents(const HFSPlusHostExtentRecord& record, ui
     uint64_t sum = startBlock;
     for (const HFSPlusHostExtentDescriptor& extent : record) {
         if (!extent.isEmpty() && sum < _forkData().totalBlocks) {
-            changes.bitmap.push_back({extent, false});
+            changes.freed.push_back(extent);
             sum += extent.blockCount;
         }
     }

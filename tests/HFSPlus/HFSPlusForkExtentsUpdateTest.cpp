@@ -128,6 +128,26 @@ TEST(HFSPlusForkExtents, AnUpdateThatCannotReadANodeChangesNothing)
     EXPECT_EQ(volume.hashes(), hashes);
 }
 
+TEST(HFSPlusForkExtents, ExtentsThatChangePlacesBetweenRecordsStayMarked)
+{
+    const HFSPlusOpenedVolume volume(movieVolume(scattered(100, 9, 5, 10)));
+    const HFSPlusForkHashes hashes = volume.hashes();
+    const uint32_t freeBlocks = volume->hostVolumeHeader().freeBlocks;
+    const auto fork = openFork(volume, 20);
+
+    // The first extent of the catalog's record and the only one of the overflow record.
+    ASSERT_TRUE(moveData(volume, *fork, 100, 700, 5));
+    ASSERT_TRUE(moveData(volume, *fork, 180, 100, 5));
+    ASSERT_TRUE(moveData(volume, *fork, 700, 180, 5));
+    ASSERT_TRUE(fork->update());
+
+    EXPECT_EQ(flushedExtents(volume, 20).front(), (HFSPlusCheckedExtent{180, 5}));
+    EXPECT_EQ(flushedExtents(volume, 20).back(), (HFSPlusCheckedExtent{100, 5}));
+    EXPECT_EQ(volume->hostVolumeHeader().freeBlocks, freeBlocks);
+    EXPECT_EQ(volume.hashes(), hashes);
+    EXPECT_TRUE(isSound(volume));
+}
+
 TEST(HFSPlusForkExtents, TheExtentsFileInMoreThanEightPiecesIsTooCongested)
 {
     HFSPlusVolumeBuilder builder;
