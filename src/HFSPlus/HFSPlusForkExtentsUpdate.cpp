@@ -247,13 +247,16 @@ bool HFSPlusForkExtents::_writeFirstRecord(const PendingChanges& changes, VZDefr
 void HFSPlusForkExtents::_applyToBitmap(const PendingChanges& changes)
 {
     // All is freed before anything is marked: an extent may have gone from one record to another.
-    // The records are written already, so a chunk that cannot be read stops nothing here.
     HFSPlusAllocation& allocation = _volume.allocation();
     for (const HFSPlusHostExtentDescriptor& extent : changes.freed) {
+        // A block that stays marked is nobody's, and the next run leaves it alone.
         std::ignore = allocation.clear(extent.startBlock, extent.blockCount, nullptr);
     }
     for (const HFSPlusHostExtentDescriptor& extent : changes.used) {
-        std::ignore = allocation.set(extent.startBlock, extent.blockCount, nullptr);
+        if (!allocation.set(extent.startBlock, extent.blockCount, nullptr)) {
+            // The blocks look free and would be written over, here or by whoever comes next.
+            _volume.metadataWriteDidFail();
+        }
     }
 }
 

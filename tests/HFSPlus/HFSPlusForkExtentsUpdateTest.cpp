@@ -148,6 +148,50 @@ TEST(HFSPlusForkExtents, ExtentsThatChangePlacesBetweenRecordsStayMarked)
     EXPECT_TRUE(isSound(volume));
 }
 
+TEST(HFSPlusForkExtents, BlocksThatCannotBeMarkedEndAllWriting)
+{
+    const HFSPlusOpenedVolume volume(movieVolume({{100, 5}}));
+    const HFSPlusForkHashes hashes = volume.hashes();
+    const auto fork = openFork(volume, 20);
+    ASSERT_TRUE(moveData(volume, *fork, 100, 500, 5));
+
+    // Clearing and setting ask for the bitmap's only chunk, which is not in memory yet.
+    volume.faults().fail(FaultyBlockDevice::Operation::kRead, 1, EIO,
+                         FaultyBlockDevice::Lasting::kFromThenOn);
+    EXPECT_TRUE(fork->update());
+    ASSERT_TRUE(volume.faults().faultReached());
+    volume.faults().heal();
+
+    EXPECT_EQ(failureOf([&](auto error) { return volume->flush(error); }), "Write failure.");
+    EXPECT_EQ(extentsOnDisk(volume, 20), (Extents{{100, 5}}));
+    EXPECT_EQ(volume.hashes(), hashes);
+    EXPECT_TRUE(isSound(volume));
+}
+
+TEST(HFSPlusForkExtents, BlocksThatCannotBeFreedStayMarkedAndNothingIsLost)
+{
+    // The old place lies under the bitmap's second chunk, the new one under the first.
+    HFSPlusVolumeBuilder builder;
+    builder.blockSize(512).totalBlocks(300000).contents(false);
+    builder.file("/movie", 20).data({{280000, 5}});
+    const HFSPlusOpenedVolume volume(std::move(builder));
+    const uint32_t freeBlocks = volume->hostVolumeHeader().freeBlocks;
+    const auto fork = openFork(volume, 20);
+    ASSERT_TRUE(moveData(volume, *fork, 280000, 5000, 5));
+
+    volume.faults().fail(FaultyBlockDevice::Operation::kRead, 1, EIO);
+    EXPECT_TRUE(fork->update());
+    ASSERT_TRUE(volume.faults().faultReached());
+
+    EXPECT_EQ(flushedExtents(volume, 20), (Extents{{5000, 5}}));
+    uint32_t used = 0;
+    ASSERT_TRUE(volume->allocation().isSet(5000, 5, used, nullptr));
+    EXPECT_EQ(used, 5u);
+    ASSERT_TRUE(volume->allocation().isSet(280000, 5, used, nullptr));
+    EXPECT_EQ(used, 5u);
+    EXPECT_EQ(volume->hostVolumeHeader().freeBlocks, freeBlocks - 5);
+}
+
 TEST(HFSPlusForkExtents, TheExtentsFileInMoreThanEightPiecesIsTooCongested)
 {
     HFSPlusVolumeBuilder builder;
