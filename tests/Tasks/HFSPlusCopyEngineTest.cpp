@@ -299,7 +299,7 @@ TEST(HFSPlusCopyEngine, MoreRunsThanOneSpanHoldsAreDefragmentedSpanBySpan)
         .totalBlocks(900000)
         .contents(false)
         .extentsNodeSize(4096)
-        .freeExtentsNodes(100);
+        .freeExtentsNodes(800);
     builder.file("/crowd", 20).data(std::move(extents));
     builder.file("/behind", 21).data({{700000, 100}, {600000, 100}});
     // Used but clear, behind the span: an eviction must not take these blocks for free.
