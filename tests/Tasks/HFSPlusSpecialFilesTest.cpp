@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <thread>
 
 #include "HFSPlus/HFSPlusAllocation.h"
 #include "HFSPlus/HFSPlusCatalog.h"
@@ -116,6 +118,122 @@ TEST(HFSPlusSpecialFiles, ABitmapThatMovesKeepsChangesOfChunksThatItsCacheCannot
     HFSPlusOpenedVolume volume(builder);
 
     expectSoundDefrag(volume, uint64_t{40000} * 512);
+}
+
+TEST(HFSPlusSpecialFiles, ABitmapThatMovesKeepsItsChangesWhileReportsReadItAtYields)
+{
+    // One change fits the cache easily, but the reader needs the room of all chunks.
+    constexpr uint32_t kChunkBlocks = 32768 * 8;
+    constexpr uint32_t kTotalBlocks = 22 * kChunkBlocks;
+    const uint32_t bitmapBlocks = kTotalBlocks / 8 / 512;
+    HFSPlusVolumeBuilder builder;
+    builder.blockSize(512).totalBlocks(kTotalBlocks);
+    builder.allocationExtents({{9000, bitmapBlocks / 2}, {30000, bitmapBlocks - bitmapBlocks / 2}});
+    builder.file("/f", 20).data({{8000, 3}, {11 * kChunkBlocks, 3}});
+    HFSPlusOpenedVolume volume(builder);
+    ASSERT_TRUE(volume) << volume.error();
+    const HFSPlusForkHashes before = volume.hashes();
+    std::atomic<bool> ends = false;
+    const auto readBitmap = [&] {
+        while (!ends) {
+            const KLClosedGate gate((*volume).gate());
+            uint32_t set = 0;
+            for (uint32_t chunk = 0; chunk < 22; ++chunk) {
+                EXPECT_TRUE((*volume).allocation().isSet(chunk * kChunkBlocks, 1, set, nullptr));
+            }
+        }
+    };
+    // While one of them has the gate the other queues, so that nearly no yield finds nobody.
+    std::thread report(readBitmap);
+    std::thread otherReport(readBitmap);
+
+    const DefragOutput output = runDefrag(*volume, uint64_t{40000} * 512);
+    ends = true;
+    report.join();
+    otherReport.join();
+
+    EXPECT_EQ(output.error(), "");
+    const HFSPlusCheckResult after = volume.check();
+    EXPECT_TRUE(after.consistent) << after.description();
+    EXPECT_EQ(after.forkWithCNID(20)->extents.size(), 1u);
+    EXPECT_EQ(volume.hashes(), before);
+}
+
+// The files before a special file in a list change it after its own blocks were read.
+
+TEST(HFSPlusSpecialFiles, ACatalogBehindTheFilesOfItsListKeepsTheirNewExtents)
+{
+    for (const uint32_t buffer : {300u, 1500u}) {
+        HFSPlusVolumeBuilder builder;
+        builder.blockSize(kBlockSize).totalBlocks(6000);
+        addScatteredFiles(builder, 40, 10, 400);
+        builder.catalogExtents({{1405, 10}, {1605, 30}});
+        HFSPlusOpenedVolume volume(builder);
+        ASSERT_TRUE(volume) << volume.error();
+        (*volume).catalog().setNodeCacheSize((*volume).catalog().nodeSize());
+
+        expectSoundDefrag(volume, buffer * kBlockSize);
+    }
+}
+
+TEST(HFSPlusSpecialFiles, AnExtentsFileBehindTheFilesOfItsListKeepsTheirNewRecords)
+{
+    for (const uint32_t buffer : {300u, 1500u}) {
+        HFSPlusVolumeBuilder builder;
+        builder.blockSize(kBlockSize).totalBlocks(9000).extentsNodeSize(1024);
+        addScatteredFiles(builder, 20, 60, 400);
+        builder.extentsFileExtents({{3205, 6}, {3405, 6}}).freeExtentsNodes(10);
+        HFSPlusOpenedVolume volume(builder);
+        ASSERT_TRUE(volume) << volume.error();
+        (*volume).extents().setNodeCacheSize((*volume).extents().nodeSize());
+
+        expectSoundDefrag(volume, buffer * kBlockSize);
+    }
+}
+
+TEST(HFSPlusSpecialFiles, ABitmapBehindTheFilesOfItsListKeepsTheirBits)
+{
+    constexpr uint32_t kChunkBlocks = 32768 * 8;
+    constexpr uint32_t kTotalBlocks = 22 * kChunkBlocks;
+    const uint32_t bitmapBlocks = kTotalBlocks / 8 / 512;
+    HFSPlusVolumeBuilder builder;
+    builder.blockSize(512).totalBlocks(kTotalBlocks);
+    for (uint32_t file = 0; file < 20; ++file) {
+        HFSPlusBuilderExtents extents = {{2000 + 10 * file, 3}};
+        for (uint32_t chunk = 21; chunk > 0; --chunk) {
+            extents.push_back({chunk * kChunkBlocks + 100 + 10 * file, 3});
+        }
+        builder.file("/file " + std::to_string(file)).data(extents);
+    }
+    builder.allocationExtents({{9000, bitmapBlocks / 2}, {30000, bitmapBlocks - bitmapBlocks / 2}});
+    HFSPlusOpenedVolume volume(builder);
+
+    expectSoundDefrag(volume, uint64_t{40000} * 512);
+}
+
+TEST(HFSPlusSpecialFiles, WhatWasRepairedIsOnTheDeviceBeforeAnyDataAreRead)
+{
+    HFSPlusVolumeBuilder builder;
+    builder.blockSize(kBlockSize).totalBlocks(3000);
+    builder.allocationExtents({{800, 1}});
+    builder.file("/f", 20).data({{1000, 10}, {900, 10}});
+    builder.damage(damagedBitmap(1004, 1, false));
+    HFSPlusOpenedVolume volume(builder);
+    ASSERT_TRUE(volume) << volume.error();
+
+    ASSERT_EQ(runDefrag(*volume, 100 * kBlockSize).error(), "");
+
+    using Operation = MemoryBlockDevice::Operation;
+    const std::vector<Operation> operations = volume.operations();
+    const auto firstOf = [&](Operation::Kind kind, uint64_t block) {
+        return std::ranges::find_if(operations, [&](const Operation& operation) {
+            return operation.kind == kind && operation.offset == block * kBlockSize;
+        });
+    };
+    const auto repair = firstOf(Operation::Kind::kWrite, 800);
+    EXPECT_NE(repair, operations.end());
+    EXPECT_LT(repair, firstOf(Operation::Kind::kRead, 1000));
+    EXPECT_LT(repair, firstOf(Operation::Kind::kRead, 900));
 }
 
 TEST(HFSPlusSpecialFiles, RepairsOfTheBitmapSurviveItsMove)
