@@ -326,6 +326,49 @@ TEST(HFSPlusForkExtents, AnExtentsFileThatItsEightExtentsDoNotCoverIsRefused)
               "corrupt.");
 }
 
+TEST(HFSPlusForkExtents, TheExtentsFileHasNoUseForARecordOfItsOwnInItself)
+{
+    // Whoever followed such a record would need it to read the node that it lies in.
+    HFSPlusVolumeBuilder builder = movieVolume(scattered(100, 9, 4, 10));
+    builder.extentsFileExtents({{500, 8}});
+    builder.damage(damagedHeader("extentsFile.totalBlocks", 12));
+    builder.damage(damagedOverflowRecord(20, 0, 32, "startBlock", 8));
+    builder.damage(damagedOverflowRecord(20, 0, 8, "fileID", 3));
+    const HFSPlusOpenedVolume volume(std::move(builder));
+    EXPECT_EQ(openingError(volume, 3),
+              "Extents for file ID = 3 () could not be found. The extents overflow file may be "
+              "corrupt.");
+}
+
+TEST(HFSPlusForkExtents, AForkWithoutAnExtentOfItsOwnRecordMissesOneWhateverTheOverflowFileHas)
+{
+    HFSPlusVolumeBuilder builder = movieVolume(scattered(100, 9, 4, 10));
+    for (uint32_t index = 0; index < 8; ++index) {
+        const std::string extent = "dataFork.extents[" + std::to_string(index) + "]";
+        builder.damage(damagedCatalogRecord(20, extent + ".startBlock", 0));
+        builder.damage(damagedCatalogRecord(20, extent + ".blockCount", 0));
+    }
+    builder.damage(damagedCatalogRecord(20, "dataFork.totalBlocks", 4));
+    builder.damage(damagedOverflowRecord(20, 0, 32, "startBlock", 0));
+    const HFSPlusOpenedVolume volume(std::move(builder));
+    EXPECT_EQ(openingError(volume, 20),
+              "Extents for file ID = 20 (movie) could not be found. The extents overflow file may "
+              "be corrupt.");
+}
+
+TEST(HFSPlusForkExtents, ExtentsWhoseSumDoesNotFitThirtyTwoBitsAreRefused)
+{
+    HFSPlusVolumeBuilder builder;
+    builder.blockSize(512).totalBlocks(0xFFFFFFF0).file("/movie", 20).data({{100, 1}, {200, 1}});
+    builder.damage(damagedCatalogRecord(20, "dataFork.totalBlocks", 0xFFFFFFFF));
+    builder.damage(damagedCatalogRecord(20, "dataFork.extents[0].blockCount", 0xF0000000));
+    builder.damage(damagedCatalogRecord(20, "dataFork.extents[1].blockCount", 0xF0000000));
+    const HFSPlusOpenedVolume volume(std::move(builder));
+    EXPECT_EQ(openingError(volume, 20),
+              "Extents for file ID = 20 (movie) could not be found. The extents overflow file may "
+              "be corrupt.");
+}
+
 TEST(HFSPlusForkExtents, MovingPiecesInForkOrderTakesLinearTime)
 {
     constexpr uint32_t kPieces = 200000;
