@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <map>
+#include <algorithm>
 #include <vector>
 
 #include "HFSPlus/HFSPlusAllocation.h"
@@ -332,7 +332,7 @@ TEST(HFSPlusExtentMapBuilder, AForkWithExtentsBehindItsLastBlockIsRefused)
 
 namespace {
 
-constexpr uint32_t kCrowdedRuns = 262200;  // more runs than one span holds
+constexpr uint32_t kCrowdedRuns = 131300;  // with their gaps, more runs than one span holds
 
 /** Blocks of 512 bytes: one file in runs of one block, two apart, and a second file behind. */
 HFSPlusVolumeBuilder crowdedVolume()
@@ -342,9 +342,9 @@ HFSPlusVolumeBuilder crowdedVolume()
         extents.push_back({20000 + 2 * run, 1});
     }
     HFSPlusVolumeBuilder builder;
-    builder.blockSize(512).totalBlocks(700000).contents(false).extentsNodeSize(4096);
+    builder.blockSize(512).totalBlocks(400000).contents(false).extentsNodeSize(4096);
     builder.file("/crowd", 20).data(std::move(extents));
-    builder.file("/behind", 21).data({{600000, 100}});
+    builder.file("/behind", 21).data({{300000, 100}});
     return builder;
 }
 
@@ -356,7 +356,7 @@ TEST(HFSPlusExtentMapBuilder, ASpanOfTooManyRunsEndsEarlyAndTheNextBeginsThere)
 
     ASSERT_TRUE(span.built) << span.error;
     const uint32_t end = span.map->extentNextStartBlock();
-    EXPECT_LT(end, 700000u);
+    EXPECT_LT(end, 400000u);
     EXPECT_EQ(span.map->extentBlockCount(), end);
     EXPECT_FALSE(span.map->reachesVolumeEnd());
     ASSERT_TRUE(span.map->buildExtentMap(end));
@@ -368,15 +368,40 @@ TEST(HFSPlusExtentMapBuilder, UsedBlocksBeyondTheSpanAreSetInTheBitmapAsWell)
 {
     // Room for evictions is looked for behind the span, and there these blocks would be taken.
     HFSPlusVolumeBuilder builder = crowdedVolume();
-    builder.damage(damagedBitmap(600000, 100, false));
+    builder.damage(damagedBitmap(300000, 100, false));
     builder.damage(damagedBitmap(20000 + 2 * (kCrowdedRuns - 3), 1, false));
     const Span span(builder);
 
     ASSERT_TRUE(span.built) << span.error;
     ASSERT_LT(span.map->extentNextStartBlock(), 20000 + 2 * (kCrowdedRuns - 3));
     uint32_t set = 0;
-    ASSERT_TRUE(span.volume->allocation().isSet(600000, 100, set, nullptr));
+    ASSERT_TRUE(span.volume->allocation().isSet(300000, 100, set, nullptr));
     EXPECT_EQ(set, 100u);
     ASSERT_TRUE(span.volume->allocation().isSet(20000 + 2 * (kCrowdedRuns - 3), 1, set, nullptr));
     EXPECT_EQ(set, 1u);
+}
+
+TEST(HFSPlusExtentMapBuilder, ABitmapThatCannotBeReadBehindTheSpanFailsTheBuild)
+{
+    // Which read that is, a first span tells: the alternate header leaves the map before any other
+    // block is looked up in the bitmap.
+    const HFSPlusOpenedVolume volume(crowdedVolume());
+    ASSERT_TRUE(volume) << volume.error();
+    const HFSPlusFileForkSet immutable(*volume);
+    HFSPlusExtentMapBuilder span(*volume, immutable);
+    ASSERT_TRUE(span.buildExtentMap(0));
+    const uint64_t bitmap = (*volume).hostVolumeHeader().allocationFile.extents[0].startBlock;
+    const std::vector<MemoryBlockDevice::Operation> operations = volume.operations();
+    const auto read = std::ranges::find_if(operations, [&](const auto& operation) {
+        return operation.offset >= bitmap * 512 && operation.offset < bitmap * 512 + 400000 / 8;
+    });
+    ASSERT_NE(read, operations.end());
+    const auto ordinal = static_cast<uint64_t>(read - operations.begin()) + 1;
+
+    const HFSPlusOpenedVolume other(crowdedVolume());
+    other.faults().fail(FaultyBlockDevice::Operation::kRead, ordinal, 5);
+    HFSPlusExtentMapBuilder otherSpan(*other, immutable);
+
+    EXPECT_FALSE(otherSpan.buildExtentMap(0));
+    EXPECT_TRUE(other.faults().faultReached());
 }
