@@ -8,6 +8,7 @@
 #include "HFSPlus/HFSPlusVolume.h"
 #include "Tasks/HFSPlusExtentMapBuilder.h"
 #include "support/HFSPlusOpenedVolume.h"
+#include "support/NothrowAllocations.h"
 #include "support/TestSeed.h"
 
 namespace {
@@ -120,4 +121,31 @@ TEST(HFSPlusMovedForks, AForkStaysOpenUntilItIsUpdated)
     ASSERT_TRUE(HFSPlusForkExtents::initWithVolume(*volume, 20, 0)
                     ->copyExtentDescriptors(extents, 0, nullptr));
     EXPECT_EQ(extents[0].startBlock, 600u);
+}
+
+TEST(HFSPlusMovedForks, MovingOnePieceOfALongForkLeavesItsOtherEntriesUntouched)
+{
+    constexpr uint32_t kPieces = 100000;
+    HFSPlusBuilderExtents extents;
+    for (uint32_t piece = 0; piece < kPieces; ++piece) {
+        extents.push_back({20000 + 2 * piece, 1});
+    }
+    HFSPlusVolumeBuilder builder;
+    builder.blockSize(512).totalBlocks(300000).contents(false).extentsNodeSize(4096);
+    builder.file("/f", 20).data(std::move(extents));
+    HFSPlusOpenedVolume volume(builder);
+    ASSERT_TRUE(volume) << volume.error();
+    HFSPlusFileForkSet immutable(*volume);
+    HFSPlusExtentMapBuilder span(*volume, immutable);
+    ASSERT_TRUE(span.buildExtentMap(0));
+    HFSPlusMovedForks forks(*volume, *span.extentMap());
+    ASSERT_TRUE(forks.openFork(20, kInfo, nullptr)->moveTo(20000 + kPieces, 250000, 1));
+
+    // Every entry of the map is an allocation: two for the piece at its new place.
+    const NothrowAllocations allocations;
+    ASSERT_TRUE(forks.updateFork(20, kInfo, nullptr));
+
+    EXPECT_LT(allocations.count(), 100u);
+    EXPECT_EQ(span.extentMap()->findEntry(20000 + kPieces)->cnid, 0u);
+    EXPECT_EQ(span.extentMap()->findEntry(250000)->cnid, 20u);
 }
