@@ -5,8 +5,13 @@
 #include <algorithm>
 
 #include "Tasks/DefragRun.h"
+#include "Tasks/HFSPlusCopyBuffer.h"
+#include "Tasks/HFSPlusDefragProgress.h"
+#include "Tasks/HFSPlusExtentMapBuilder.h"
+#include "Tasks/HFSPlusSourceSelection.h"
 #include "support/HFSPlusOpenedVolume.h"
 #include "support/HFSPlusVolumeBuilderPatcher.h"
+#include "support/NothrowAllocations.h"
 
 namespace {
 
@@ -288,23 +293,58 @@ TEST(HFSPlusCopyEngine, TwoFilesInAlternatingPiecesBothEndInOne)
     EXPECT_EQ(extentsOf(volume, 21).size(), 1u);
 }
 
-TEST(HFSPlusCopyEngine, MoreRunsThanOneSpanHoldsAreDefragmentedSpanBySpan)
+namespace {
+
+constexpr uint32_t kCrowdedRuns = 131300;  // with their gaps, more runs than one span holds
+
+/** Every byte of the file behind; the rest of the volume's data are zeros. */
+std::string textOfFileBehind()
+{
+    std::string text;
+    for (uint32_t block = 0; block < 200; ++block) {
+        text.append(512, static_cast<char>(1 + block));
+    }
+    return text;
+}
+
+/** A file in runs of one block, two apart, and one behind it in two pieces of which the bitmap
+ *  does not know the first. */
+HFSPlusVolumeBuilder crowdedVolume()
 {
     HFSPlusBuilderExtents extents;
-    for (uint32_t run = 0; run < 262200; ++run) {
+    for (uint32_t run = 0; run < kCrowdedRuns; ++run) {
         extents.push_back({20000 + 2 * run, 1});
     }
     HFSPlusVolumeBuilder builder;
-    builder.blockSize(512)
-        .totalBlocks(900000)
-        .contents(false)
-        .extentsNodeSize(4096)
-        .freeExtentsNodes(800);
+    builder.blockSize(512).totalBlocks(600000).contents(false);
+    builder.extentsNodeSize(4096).freeExtentsNodes(400);
     builder.file("/crowd", 20).data(std::move(extents));
-    builder.file("/behind", 21).data({{700000, 100}, {600000, 100}});
-    // Used but clear, behind the span: an eviction must not take these blocks for free.
-    builder.damage(damagedBitmap(600000, 100, false));
-    HFSPlusOpenedVolume volume(builder);
+    builder.file("/behind", 21).data({{420000, 100}, {300000, 100}});
+    builder.dataBeginning(textOfFileBehind());
+    builder.damage(damagedBitmap(300000, 100, false));
+    return builder;
+}
+
+/** Never finds anything to place, and never gives up. */
+class IdleSelection final : public HFSPlusSourceSelection {
+public:
+    [[nodiscard]] Found getSourceEntry(Piece& /*piece*/, VZDefragErrorSlot /*error*/) override
+    {
+        return Found::kNothing;
+    }
+    [[nodiscard]] bool putSourceEntry(const Piece& /*piece*/, VZDefragErrorSlot /*error*/) override
+    {
+        return false;
+    }
+    [[nodiscard]] bool updateSource(VZDefragErrorSlot /*error*/) override { return true; }
+};
+
+}  // namespace
+
+TEST(HFSPlusCopyEngine, MoreRunsThanOneSpanHoldsAreDefragmentedSpanBySpan)
+{
+    // An eviction finds its room behind the span, where it must not take used blocks for free.
+    HFSPlusOpenedVolume volume(crowdedVolume());
     ASSERT_TRUE(volume) << volume.error();
 
     const DefragOutput output = runDefrag(*volume, uint64_t{60000} * 512, {"DEFRAG", "-q"});
@@ -315,5 +355,56 @@ TEST(HFSPlusCopyEngine, MoreRunsThanOneSpanHoldsAreDefragmentedSpanBySpan)
         return problem.find("freeBlocks") != std::string::npos;
     })) << after.description();
     EXPECT_EQ(extentsOf(volume, 20).size(), 1u);
-    EXPECT_EQ(extentsOf(volume, 21).size(), 1u);
+    const std::vector<HFSPlusCheckedExtent> behind = extentsOf(volume, 21);
+    ASSERT_EQ(behind.size(), 1u);
+    std::string text(textOfFileBehind().size(), '\0');
+    volume.memory().peek(text.data(), text.size(), uint64_t{behind[0].startBlock} * 512);
+    EXPECT_TRUE(text == textOfFileBehind());
+}
+
+TEST(HFSPlusCopyEngine, ALongForkIsNotTakenOutOfTheMapAndInAgainEveryCycle)
+{
+    constexpr uint32_t kPieces = 100000;
+    HFSPlusBuilderExtents extents;
+    for (uint32_t piece = 0; piece < kPieces; ++piece) {
+        extents.push_back({110000 + 2 * piece, 1});
+    }
+    HFSPlusVolumeBuilder builder;
+    builder.blockSize(512).totalBlocks(400000).contents(false);
+    builder.extentsNodeSize(4096).freeExtentsNodes(300);
+    builder.file("/long", 20).data(std::move(extents));
+    HFSPlusOpenedVolume volume(builder);
+    ASSERT_TRUE(volume) << volume.error();
+
+    // Each entry of the map, copy and tree node is one allocation. Ten cycles that touched the
+    // whole fork would take a million.
+    const NothrowAllocations allocations;
+    const DefragOutput output = runDefrag(*volume, uint64_t{10000} * 512, {"DEFRAG", "-q"});
+    const uint64_t count = allocations.count();
+
+    EXPECT_EQ(output.error(), "");
+    EXPECT_EQ(extentsOf(volume, 20).size(), 1u);
+    EXPECT_LT(count, 4 * kPieces);
+}
+
+TEST(HFSPlusCopyEngine, ASpanRebuiltAgainAndAgainWithoutNewsIsTooCongested)
+{
+    HFSPlusOpenedVolume volume(crowdedVolume());
+    ASSERT_TRUE(volume) << volume.error();
+    const HFSPlusFileForkSet immutable(*volume);
+    HFSPlusExtentMapBuilder span(*volume, immutable);
+    ASSERT_TRUE(span.buildExtentMap(0));
+    ASSERT_FALSE(span.reachesVolumeEnd());
+    ASSERT_TRUE(span.extentMap()->removeToBlock(10000));  // the zone is free from the start
+    const auto task = std::make_shared<HFSPlusDefragTask>(*volume);
+    HFSPlusDefragProgress progress(*task, 0);
+    const auto buffer = HFSPlusCopyBuffer::initWithSize(uint64_t{100} * 512, 512, nullptr);
+    IdleSelection selection;
+    HFSPlusCopyEngine engine(*volume, *task, span, selection, *buffer, progress);
+
+    std::unique_ptr<VZDefragError> failure;
+    const KLClosedGate gate((*volume).gate());
+    ASSERT_FALSE(engine.run(&failure));
+
+    EXPECT_EQ(failure->description(), "Volume is too congested, unable to continue.");
 }
