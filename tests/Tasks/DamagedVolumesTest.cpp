@@ -178,7 +178,7 @@ public:
             for (uint64_t place = start; place < start + size && place < _old.size(); ++place) {
                 _bits[place] = true;
                 for (uint32_t bit = 0; bit < 8; ++bit, ++block) {
-                    if ((_old[place] & (0x80U >> bit)) == 0) {
+                    if (block < _known.result.totalBlocks && (_old[place] & (0x80U >> bit)) == 0) {
                         _free.insert(block);
                     }
                 }
