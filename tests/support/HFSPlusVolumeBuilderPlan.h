@@ -19,8 +19,8 @@ struct HFSPlusBuilderOverflow {
 
 /** A volume with every number settled: what is written where.
  *
- *  The spec is the caller's, completed: all CNIDs, the journal's files and the extents that were
- *  left to the builder are filled in.
+ *  What to build is the caller's, completed: all CNIDs, the journal's files and the extents that
+ * were left to the builder are filled in.
  */
 struct HFSPlusVolumeBuilderPlan {
     explicit HFSPlusVolumeBuilderPlan(HFSPlusBuilderSpec given)

@@ -32,7 +32,7 @@ struct HFSPlusBuilderTreePlan {
     uint16_t treeDepth = 0;
     bool shuffled = false;
 
-    /** The number of the @p sequence-th leaf or index node in the order of building. */
+    /** The number of the @p sequence-th leaf or index node as they are built. */
     [[nodiscard]] uint32_t nodeNumber(uint32_t sequence) const;
 
     [[nodiscard]] uint64_t logicalSize() const { return uint64_t{totalNodes} * nodeSize; }
