@@ -26,13 +26,23 @@ install_packages() {
         "${missing[@]}" >/dev/null
 }
 
+# has_candidate NAME: whether apt could install the package from the components it knows.
+has_candidate() {
+    apt-cache policy "$1" 2>/dev/null | grep -q '^  Candidate: [^(]'
+}
+
 # install_non_free_packages NAME...: the same for packages of Debian's non-free component, which
 # a fresh machine does not list. The component is added beside the machine's own sources.
 install_non_free_packages() {
-    local sources=/etc/apt/sources.list.d/debian.sources
-    local added=/etc/apt/sources.list.d/vzdefrag-non-free.sources
-    if ! apt-cache show "$1" >/dev/null 2>&1 && [ -e "$sources" ] && [ ! -e "$added" ]; then
-        sed 's/^Components:.*/Components: non-free/' "$sources" | as_root tee "$added" >/dev/null
+    local sources=/etc/apt/sources.list.d
+    if ! has_candidate "$1"; then
+        if [ -e "$sources/debian.sources" ]; then
+            sed 's/^Components:.*/Components: non-free/' "$sources/debian.sources" |
+                as_root tee "$sources/vzdefrag-non-free.sources" >/dev/null
+        else
+            sed -n 's/^\(deb .*\) main.*/\1 non-free/p' /etc/apt/sources.list |
+                as_root tee "$sources/vzdefrag-non-free.list" >/dev/null
+        fi
         as_root apt-get update -qq
     fi
     install_packages "$@"
