@@ -34,7 +34,6 @@ std::unique_ptr<HFSPlusCopyBuffer> HFSPlusCopyBuffer::initWithSize(uint64_t size
         VZDefragFail(error, "Out of memory.");
         return nullptr;
     }
-    buffer->_size = size;
     buffer->_blocks = static_cast<uint32_t>(size / blockSize);
     buffer->_capacity = static_cast<uint32_t>(allocated / blockSize);
     return buffer;

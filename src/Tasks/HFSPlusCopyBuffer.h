@@ -18,7 +18,6 @@ public:
                                                                          VZDefragErrorSlot error);
 
     [[nodiscard]] uint8_t* data() { return _data.get(); }
-    [[nodiscard]] uint64_t size() const { return _size; }      // bytes
     [[nodiscard]] uint32_t blocks() const { return _blocks; }  // whole allocation blocks
     /** Blocks that fit all the same: what a cycle takes beyond blocks() to keep a node whole. */
     [[nodiscard]] uint32_t capacity() const { return _capacity; }
@@ -31,7 +30,6 @@ private:
     HFSPlusCopyBuffer() = default;
 
     std::unique_ptr<uint8_t[], Free> _data;
-    uint64_t _size = 0;
     uint32_t _blocks = 0;
     uint32_t _capacity = 0;
 };
