@@ -15,7 +15,11 @@
 #include "KLKit/KLStringUtilities.h"
 #include "Platform/LinuxDeviceOpener.h"
 #include "Platform/PlatformIOPriority.h"
+#include "Tasks/HFSPlusBitmapTask.h"
 #include "Tasks/HFSPlusDefragTask.h"
+#include "Tasks/HFSPlusFragInfoTask.h"
+#include "Tasks/HFSPlusMapTask.h"
+#include "Tasks/HFSPlusScanTask.h"
 #include "VZDefragOutput.h"
 #include "VZDefragStringUtilities.h"
 #include "VZDefragVolume.h"
@@ -249,18 +253,26 @@ void VZDefragToolApplication::stringEvent(const std::shared_ptr<KLToolEvent>& ev
         return;
     }
     switch (commandWithWord(word)) {
+        case Command::kBitmap:
+            _startReportTask<HFSPlusBitmapTask>(event);
+            return;
+        case Command::kFragInfo:
+            _startReportTask<HFSPlusFragInfoTask>(event);
+            return;
+        case Command::kMap:
+            _startReportTask<HFSPlusMapTask>(event);
+            return;
+        case Command::kScan:
+            _startReportTask<HFSPlusScanTask>(event);
+            return;
+        case Command::kCompact:
+            _startMovingTask(line, true);
+            break;
         case Command::kDefrag:
-            _startDefragTask(line);
+            _startMovingTask(line, false);
             break;
         case Command::kQuit:
             terminate();
-            break;
-        case Command::kBitmap:
-        case Command::kCompact:
-        case Command::kFragInfo:
-        case Command::kMap:
-        case Command::kScan:
-            printError("%1$@ is not available in this version.", word);
             break;
         case Command::kNone:
             printError("%1$@ is not a recognized command.", word);
@@ -269,13 +281,29 @@ void VZDefragToolApplication::stringEvent(const std::shared_ptr<KLToolEvent>& ev
     event->complete();
 }
 
-/** Starts a task in the background; its event is completed at once, so that "QUIT" can come. */
-void VZDefragToolApplication::_startDefragTask(const std::string& line)
+/** The opened volume; only HFSPlusVolumeProber makes volumes here. */
+HFSPlusVolume& VZDefragToolApplication::_hfsPlusVolume() const
 {
-    // Only HFSPlusVolumeProber makes volumes here.
-    auto& volume = static_cast<HFSPlusVolume&>(*_volume);
-    const auto task = std::make_shared<HFSPlusDefragTask>(volume);
+    return static_cast<HFSPlusVolume&>(*_volume);
+}
+
+/** Starts a task that completes the event when it ends: until then no further line is read. */
+template <typename Task>
+void VZDefragToolApplication::_startReportTask(const std::shared_ptr<KLToolEvent>& event)
+{
+    _startTask(std::make_shared<Task>(_hfsPlusVolume(), event));
+}
+
+/** Starts a task in the background; its event is completed at once, so that "QUIT" can come. */
+void VZDefragToolApplication::_startMovingTask(const std::string& line, bool compact)
+{
+    const auto task = std::make_shared<HFSPlusDefragTask>(_hfsPlusVolume(), compact);
     task->setArguments(trimmedComponentsSeparatedByCharactersInSet(line, kWordSeparators));
+    _startTask(task);
+}
+
+void VZDefragToolApplication::_startTask(const std::shared_ptr<KLToolTask>& task)
+{
     _tasks.insert(task);
     task->start();
 }

@@ -11,6 +11,7 @@
 #include "VZDefragError.h"
 #include "VZDefragServices.h"
 
+class HFSPlusVolume;
 class KLToolTask;
 class VZDefragVolume;
 
@@ -51,7 +52,11 @@ private:
                                             VZDefragErrorSlot error);
     [[nodiscard]] bool _setLocalizedStringsFile(const std::string& path, VZDefragErrorSlot error);
     [[nodiscard]] bool _openDevice(const Options& options, VZDefragErrorSlot error);
-    void _startDefragTask(const std::string& line);
+    [[nodiscard]] HFSPlusVolume& _hfsPlusVolume() const;
+    template <typename Task>
+    void _startReportTask(const std::shared_ptr<KLToolEvent>& event);
+    void _startMovingTask(const std::string& line, bool compact);
+    void _startTask(const std::shared_ptr<KLToolTask>& task);
 
     double _progressInterval = 1.0;  // seconds
     std::unique_ptr<VZDefragVolume> _volume;

@@ -1,5 +1,6 @@
 #include "HFSPlus/HFSPlusExtents.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "HFSPlus/HFSPlusVolume.h"
@@ -175,6 +176,41 @@ bool HFSPlusExtents::copyExtentRecord(HFSPlusExtentRecord& record, uint32_t& blo
     if (match) {
         record = found->extents;
         block = found->key.startBlock;
+    }
+    return true;
+}
+
+bool HFSPlusExtents::visitForkExtents(const HFSPlusForkData& fork, uint32_t fileID,
+                                      uint8_t forkType, const HFSPlusExtentVisitor& visit,
+                                      VZDefragErrorSlot error)
+{
+    uint64_t sum = 0;
+    const auto visitExtent = [&](const HFSPlusExtentDescriptor& extent) {
+        if (!extent.isEmpty()) {
+            visit({extent.startBlock, extent.blockCount});
+            sum += extent.blockCount;
+        }
+    };
+    std::ranges::for_each(fork.extents, visitExtent);
+    while (sum < fork.totalBlocks) {
+        const auto wanted = static_cast<uint32_t>(sum);
+        HFSPlusExtentRecord record;
+        uint32_t start = wanted;
+        if (!copyExtentRecord(record, start, fileID, forkType, error)) {
+            return false;
+        }
+        // The lookup answers with a lower record when the one asked for is not there, and one
+        // without a block would be asked for again and again.
+        const bool isThere = record[0].startBlock != 0 && start == wanted &&
+                             !std::ranges::all_of(record, &HFSPlusExtentDescriptor::isEmpty);
+        if (!isThere) {
+            return VZDefragFail(error, "Overflow extent record missing.");
+        }
+        for (const HFSPlusExtentDescriptor& extent : record) {
+            if (sum < fork.totalBlocks) {
+                visitExtent(extent);
+            }
+        }
     }
     return true;
 }

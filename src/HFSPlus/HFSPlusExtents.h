@@ -1,6 +1,11 @@
 #pragma once
 
+#include <functional>
+
 #include "HFSPlus/HFSPlusBTreeFile.h"
+
+/** Takes one extent of a fork, never an empty one. */
+using HFSPlusExtentVisitor = std::function<void(const HFSPlusHostExtentDescriptor&)>;
 
 /** The extents overflow file (TN1150, "Extents Overflow File"): extents of a fork beyond its first
  *  eight, keyed by file, fork and the fork block at which a record begins.
@@ -24,6 +29,14 @@ public:
      */
     [[nodiscard]] bool copyExtentRecord(HFSPlusExtentRecord& record, uint32_t& block,
                                         uint32_t fileID, uint8_t forkType, VZDefragErrorSlot error);
+    /** Hands the extents of a fork to @p visit in fork order: the record's own that are not empty,
+     *  then those of the overflow file until they cover the fork's blocks.
+     *
+     *  Fails with "Overflow extent record missing." where no record begins at the next block.
+     */
+    [[nodiscard]] bool visitForkExtents(const HFSPlusForkData& fork, uint32_t fileID,
+                                        uint8_t forkType, const HFSPlusExtentVisitor& visit,
+                                        VZDefragErrorSlot error);
     /** Fails with "Overflow extent record collision." when the key is already there. */
     [[nodiscard]] bool insertExtentRecord(const HFSPlusExtentRecord& record, uint32_t block,
                                           uint32_t fileID, uint8_t forkType,

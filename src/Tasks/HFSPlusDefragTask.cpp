@@ -23,9 +23,10 @@ std::string trimmed(std::string_view text)
 
 }  // namespace
 
-HFSPlusDefragTask::HFSPlusDefragTask(HFSPlusVolume& volume) : VZDefragTask(volume), _volume(volume)
+HFSPlusDefragTask::HFSPlusDefragTask(HFSPlusVolume& volume, bool compact)
+    : VZDefragTask(volume), _volume(volume), _compact(compact)
 {
-    setName("DEFRAG");
+    setName(_compact ? "COMPACT" : "DEFRAG");
     setAction([this] { _defrag(); });
 }
 
@@ -100,6 +101,9 @@ bool HFSPlusDefragTask::_checkVolume(VZDefragErrorSlot error) const
 
 bool HFSPlusDefragTask::_moveData(VZDefragErrorSlot error)
 {
+    if (_compact) {
+        return VZDefragFail(error, "%1$@ is not available in this version.", name());
+    }
     // Not sooner: while the task waits for the volume, another run may be changing the count.
     const HFSPlusHostVolumeHeader& header = _volume.hostVolumeHeader();
     _allocatedBlocks = header.totalBlocks - header.freeBlocks;

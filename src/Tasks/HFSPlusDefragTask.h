@@ -12,10 +12,11 @@
 
 class HFSPlusVolume;
 
-/** The command DEFRAG: makes every movable fork contiguous. */
+/** The commands that move data: DEFRAG makes every movable fork contiguous, COMPACT slides all data
+ *  towards the start of the volume. */
 class HFSPlusDefragTask : public VZDefragTask {
 public:
-    explicit HFSPlusDefragTask(HFSPlusVolume& volume);
+    HFSPlusDefragTask(HFSPlusVolume& volume, bool compact);
 
     /** Carries no more than @p size bytes a cycle, instead of what physical memory suggests. */
     void setCopyBufferSize(uint64_t size) { _copyBufferSize = size; }
@@ -44,6 +45,7 @@ private:
     void _startProgress();
 
     HFSPlusVolume& _volume;
+    const bool _compact;
     uint32_t _allocatedBlocks = 0;  // when the run began
     bool _verbose = true;
     bool _useAppProfile = false;

@@ -1,7 +1,8 @@
 #include "Tasks/DefragRun.h"
 
 #include <cstdio>
-#include <sstream>
+
+#include "Tasks/TaskRun.h"
 
 namespace {
 
@@ -52,28 +53,11 @@ std::vector<DefragMove> DefragOutput::moves() const
 DefragOutput runDefrag(HFSPlusVolume& volume, uint64_t bufferSize, std::vector<std::string> words,
                        const std::function<void(HFSPlusDefragTask&)>& prepare)
 {
-    std::promise<void> ended;
-    const auto task = std::make_shared<HFSPlusDefragTask>(volume);
+    const auto task = std::make_shared<HFSPlusDefragTask>(volume, false);
     task->setCopyBufferSize(bufferSize);
     task->setArguments(std::move(words));
     if (prepare != nullptr) {
         prepare(*task);
     }
-    KLNotificationCenter::defaultCenter().addObserver(
-        KLToolTaskDidTerminateNotification,
-        [&](const std::shared_ptr<KLToolTask>& /*object*/) { ended.set_value(); });
-    std::string text;
-    {
-        const StandardOutputCapture capture;
-        task->start();
-        ended.get_future().wait();
-        text = capture.text();
-    }
-    KLNotificationCenter::defaultCenter().removeAllObservers();
-    DefragOutput output;
-    std::istringstream stream(text);
-    for (std::string line; std::getline(stream, line);) {
-        output.lines.push_back(line);
-    }
-    return output;
+    return {runTask(*task)};
 }

@@ -1,16 +1,11 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
-#include <future>
-#include <memory>
 #include <string>
-#include <utility>
 #include <vector>
 
-#include "KLKit/KLNotificationCenter.h"
-#include "KLKit/KLStringUtilities.h"
 #include "Tasks/HFSPlusDefragTask.h"
-#include "base/StandardOutputCapture.h"
 
 /** One move as a line of output tells it. */
 struct DefragMove {

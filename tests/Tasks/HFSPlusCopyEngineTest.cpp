@@ -396,7 +396,7 @@ TEST(HFSPlusCopyEngine, ASpanRebuiltAgainAndAgainWithoutNewsIsTooCongested)
     ASSERT_TRUE(span.buildExtentMap(0));
     ASSERT_FALSE(span.reachesVolumeEnd());
     ASSERT_TRUE(span.extentMap()->removeToBlock(10000));  // the zone is free from the start
-    const auto task = std::make_shared<HFSPlusDefragTask>(*volume);
+    const auto task = std::make_shared<HFSPlusDefragTask>(*volume, false);
     HFSPlusDefragProgress progress(*task, 0);
     const auto buffer = HFSPlusCopyBuffer::initWithSize(uint64_t{100} * 512, 512, nullptr);
     IdleSelection selection;

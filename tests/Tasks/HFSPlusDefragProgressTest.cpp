@@ -15,7 +15,7 @@ class HFSPlusDefragProgressTest : public testing::Test {
 protected:
     HFSPlusOpenedVolume _volume{HFSPlusVolumeBuilder{}};
     ManualServices _services;
-    std::shared_ptr<HFSPlusDefragTask> _task = std::make_shared<HFSPlusDefragTask>(*_volume);
+    std::shared_ptr<HFSPlusDefragTask> _task = std::make_shared<HFSPlusDefragTask>(*_volume, false);
     HFSPlusDefragProgress _progress{*_task, 77};
 };
 

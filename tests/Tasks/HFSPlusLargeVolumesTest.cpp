@@ -64,7 +64,7 @@ TEST(HFSPlusLargeVolumes, BlocksAreCopiedToTheVeryEndAsWell)
     ASSERT_TRUE(map->removeToBlock(kTotalBlocks));
     std::unique_ptr<VZDefragError> failure;
     const auto buffer = HFSPlusCopyBuffer::initWithSize(64 * kBlockSize, kBlockSize, nullptr);
-    const auto task = std::make_shared<HFSPlusDefragTask>(*volume);
+    const auto task = std::make_shared<HFSPlusDefragTask>(*volume, false);
     HFSPlusDefragProgress progress(*task, 20);
     HFSPlusCopyList list(*volume, *buffer, progress);
 

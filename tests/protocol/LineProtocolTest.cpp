@@ -3,7 +3,9 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <string>
+#include <utility>
 
 #include "protocol/ToolProcess.h"
 #include "protocol/VolumeImage.h"
@@ -119,16 +121,21 @@ TEST_F(LineProtocol, ALineThatIsNotUTF8IsIgnored)
     EXPECT_EQ(outputFor("QUIT\xFF\nnext\n"), "ERROR,next is not a recognized command.\n");
 }
 
-TEST_F(LineProtocol, CommandsOfLaterVersionsAreRefusedByName)
+TEST_F(LineProtocol, CommandWordsAreTakenInAnyCaseAndAnsweredUnderTheirOwnName)
 {
-    EXPECT_EQ(outputFor("scan\nScan -f\nSCAN\nFRAGINFO\nmap -i 5\nBITMAP -m 1\nCompact\n"),
-              "ERROR,scan is not available in this version.\n"
-              "ERROR,Scan is not available in this version.\n"
-              "ERROR,SCAN is not available in this version.\n"
-              "ERROR,FRAGINFO is not available in this version.\n"
-              "ERROR,map is not available in this version.\n"
-              "ERROR,BITMAP is not available in this version.\n"
-              "ERROR,Compact is not available in this version.\n");
+    const std::pair<std::string, std::string> words[] = {
+        {"scan", "SCAN"},         {"Scan", "SCAN"}, {"SCAN", "SCAN"},
+        {"fragInfo", "FRAGINFO"}, {"map", "MAP"},   {"Bitmap", "BITMAP"},
+    };
+    for (const auto& [word, name] : words) {
+        process.write(word + "\n");
+        EXPECT_EQ(process.readLine(), name + ",START");
+        std::optional<std::string> line;
+        do {
+            line = process.readLine();
+        } while (line && *line != name + ",DONE");
+        EXPECT_TRUE(line) << word;
+    }
 }
 
 TEST_F(LineProtocol, ALineWithoutItsNewlineAtTheEndOfInputIsNoCommand)

@@ -136,6 +136,8 @@ void ToolProcess::closeOutput()
 
 void ToolProcess::sendSignal(int signal)
 {
+    // A process number of -1 would mean every process there is.
+    ASSERT_GT(_process, 0) << "the program was waited for";
     EXPECT_EQ(::kill(_process, signal), 0);
 }
 
@@ -165,6 +167,10 @@ int ToolProcess::wait()
     while (_readMore()) {
     }
     // The C library declares pidfd_open for C only.
+    if (_process <= 0) {
+        ADD_FAILURE() << "the program was waited for";
+        return -1;
+    }
     int processDescriptor = static_cast<int>(::syscall(SYS_pidfd_open, _process, 0));
     pollfd ended = {.fd = processDescriptor, .events = POLLIN, .revents = 0};
     if (::poll(&ended, 1, _millisecondsLeft()) <= 0) {
