@@ -98,6 +98,18 @@ TEST(HFSPlusExtentMapBuilder, TheJournalAndItsInfoBlockAreFencedOffUnderTheirFil
     EXPECT_EQ(span.runAt(700).type, kHFSPlusExtentImmutable);
 }
 
+TEST(HFSPlusExtentMapBuilder, AJournalInfoBlockBeyondFourGibibytesIsReadWhereItLies)
+{
+    HFSPlusVolumeBuilder builder;
+    builder.blockSize(4096).totalBlocks(1200000).journal(1150000, 40).journalInfoBlock(1100000);
+    // The journal's own file is fenced off anyhow, so only a wrong size tells who read it.
+    builder.damage(damagedJournalInfo("size", uint64_t{1} << 40));
+    const Span span(builder);
+
+    EXPECT_FALSE(span.built);
+    EXPECT_EQ(span.error, "Volume is inconsistent.");
+}
+
 TEST(HFSPlusExtentMapBuilder, AnInfoBlockWithoutFlagBit0FencesOffOnlyItself)
 {
     HFSPlusBuilderJournal journal;
