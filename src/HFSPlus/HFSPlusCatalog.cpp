@@ -29,6 +29,11 @@ int compareKeys(std::span<const uint8_t> left, std::span<const uint8_t> right)
                       : CompareNames(HFSPlusCatalogKeyName(left), HFSPlusCatalogKeyName(right));
 }
 
+bool isFolderOrFile(uint16_t recordType)
+{
+    return recordType == kHFSPlusFolderRecord || recordType == kHFSPlusFileRecord;
+}
+
 void copyKey(HFSPlusCatalogLookupRecord& record, std::span<const uint8_t> key)
 {
     const std::span<const uint8_t> name = HFSPlusCatalogKeyName(key);
@@ -180,12 +185,13 @@ bool HFSPlusCatalog::_findObjectKey(uint32_t cnid, HFSPlusCatalogKey& key, bool&
     return true;
 }
 
-/** Fills @p record from the folder or file with @p key; untouched when there is none. */
+/** Fills @p record from the folder or file with @p key; untouched when there is none. @p type is
+ *  that of the record with the key, 0 without one. */
 bool HFSPlusCatalog::_copyRecordForKey(HFSPlusCatalogLookupRecord& record,
-                                       const HFSPlusCatalogKey& key, bool& found,
+                                       const HFSPlusCatalogKey& key, uint16_t& type,
                                        VZDefragErrorSlot error)
 {
-    found = false;
+    type = 0;
     Position position;
     if (!_find(key, position, error)) {
         return false;
@@ -210,11 +216,12 @@ bool HFSPlusCatalog::_copyRecordForKey(HFSPlusCatalogLookupRecord& record,
         }
         record.file = hostOrder(*file);
     } else {
+        type = onDisk.recordType();
         return true;
     }
-    record.recordType = onDisk.recordType();
+    type = onDisk.recordType();
+    record.recordType = type;
     copyKey(record, onDisk.key());
-    found = true;
     return true;
 }
 
@@ -227,7 +234,7 @@ bool HFSPlusCatalog::copyRecordForCNID(HFSPlusCatalogLookupRecord& record, uint3
     if (!_findObjectKey(cnid, key, found, error)) {
         return false;
     }
-    return !found || _copyRecordForKey(record, key, found, error);
+    return !found || _copyRecordForKey(record, key, record.recordType, error);
 }
 
 bool HFSPlusCatalog::copyRecordForPath(HFSPlusCatalogLookupRecord& record, std::string_view path,
@@ -238,22 +245,22 @@ bool HFSPlusCatalog::copyRecordForPath(HFSPlusCatalogLookupRecord& record, std::
     std::string_view component;
     while (HFSPlusTakePathComponent(path, component)) {
         std::u16string name;
-        bool found = false;
+        uint16_t type = 0;
         if (!HFSPlusCatalogName(component, name, error) ||
-            !_copyRecordForKey(record, HFSPlusCatalogKey(parentID, name), found, error)) {
+            !_copyRecordForKey(record, HFSPlusCatalogKey(parentID, name), type, error)) {
             return false;
         }
-        if (!found && name.find(u':') == std::u16string::npos) {
+        if (!isFolderOrFile(type) && name.find(u':') == std::u16string::npos) {
             // What was found so far stays: callers tell a missing file by its folder's record.
             return true;
         }
-        if (!found) {
+        if (!isFolderOrFile(type)) {
             std::replace(name.begin(), name.end(), u':', u'/');
-            if (!_copyRecordForKey(record, HFSPlusCatalogKey(parentID, name), found, error)) {
+            if (!_copyRecordForKey(record, HFSPlusCatalogKey(parentID, name), type, error)) {
                 return false;
             }
         }
-        if (!found) {
+        if (!isFolderOrFile(type)) {
             record.recordType = 0;
             return true;
         }

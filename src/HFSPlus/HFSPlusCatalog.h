@@ -9,7 +9,7 @@
 
 /** What a lookup found, in host order. */
 struct HFSPlusCatalogLookupRecord {
-    uint16_t recordType = 0;  // 0 nothing, kHFSPlusFolderRecord or kHFSPlusFileRecord
+    uint16_t recordType = 0;  // 0 nothing; a thread's only where a thread leads to a thread
     uint16_t keyLength = 0;
     uint32_t parentID = 0;
     uint16_t nameLength = 0;  // UTF-16 units
@@ -18,6 +18,7 @@ struct HFSPlusCatalogLookupRecord {
     HFSPlusHostCatalogFile file = {};      // with recordType file
 
     [[nodiscard]] bool isFile() const { return recordType == kHFSPlusFileRecord; }
+    [[nodiscard]] bool isFolder() const { return recordType == kHFSPlusFolderRecord; }
     [[nodiscard]] uint32_t cnid() const { return isFile() ? file.fileID : folder.folderID; }
 };
 
@@ -48,7 +49,8 @@ public:
 
     /** Order of two raw keys whose names lie inside them. */
     [[nodiscard]] int compare(std::span<const uint8_t> left, std::span<const uint8_t> right) const;
-    /** Finding nothing succeeds with record type 0. */
+    /** Finding nothing succeeds with record type 0. A thread that leads to a thread gives the
+     *  type of that one, and no record. */
     [[nodiscard]] bool copyRecordForCNID(HFSPlusCatalogLookupRecord& record, uint32_t cnid,
                                          VZDefragErrorSlot error);
     /** Finds "/folder/name", UTF-8; ":" in @p path also stands for a "/" in a name.
@@ -98,7 +100,7 @@ private:
     [[nodiscard]] bool _findObjectKey(uint32_t cnid, HFSPlusCatalogKey& key, bool& found,
                                       VZDefragErrorSlot error);
     [[nodiscard]] bool _copyRecordForKey(HFSPlusCatalogLookupRecord& record,
-                                         const HFSPlusCatalogKey& key, bool& found,
+                                         const HFSPlusCatalogKey& key, uint16_t& type,
                                          VZDefragErrorSlot error);
     [[nodiscard]] bool _walkFolder(uint32_t folderID, HFSPlusCatalogFolderDelegate& delegate,
                                    VZDefragErrorSlot error);

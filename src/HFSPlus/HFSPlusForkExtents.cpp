@@ -342,7 +342,8 @@ std::string HFSPlusForkExtents::_nameForFileID()
     }
     // No slot is passed down: these lookups serve a message that already says what went wrong.
     HFSPlusCatalogLookupRecord record;
-    if (_volume.catalog().copyRecordForCNID(record, _fileID, nullptr) && record.recordType != 0) {
+    if (_volume.catalog().copyRecordForCNID(record, _fileID, nullptr) &&
+        (record.isFile() || record.isFolder())) {
         std::span<uint16_t> units(record.name.data(), record.nameLength);
         std::ranges::replace(units, uint16_t{'/'}, uint16_t{':'});
         return stringWithUnicodeUnits(units);
