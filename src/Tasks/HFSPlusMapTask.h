@@ -1,6 +1,11 @@
 #pragma once
 
+#include <optional>
+
+#include "KLKit/KLThreadGate.h"
 #include "Tasks/HFSPlusReportTask.h"
+
+struct HFSPlusCatalogLookupRecord;
 
 /** The command MAP: the record of single files and folders, by path or by ID. */
 class HFSPlusMapTask : public HFSPlusReportTask {
@@ -9,4 +14,14 @@ public:
 
 private:
     void _map();
+    void _mapWords(std::unique_ptr<VZDefragError>& error);
+    [[nodiscard]] bool _mapOption(const std::string& option, const std::string& value,
+                                  VZDefragErrorSlot error);
+    [[nodiscard]] bool _mapCNID(uint32_t cnid, VZDefragErrorSlot error);
+    [[nodiscard]] bool _mapPath(const std::string& path, VZDefragErrorSlot error);
+    [[nodiscard]] bool _mapCatalogRecord(const HFSPlusCatalogLookupRecord& record,
+                                         VZDefragErrorSlot error);
+    void _closeGate();
+
+    std::optional<KLClosedGate> _gate;  // from the first mapping to the last
 };

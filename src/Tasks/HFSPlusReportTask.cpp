@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "HFSPlus/HFSPlusCatalog.h"
 #include "HFSPlus/HFSPlusVolume.h"
 #include "KLKit/KLStringUtilities.h"
 #include "KLKit/KLToolEvent.h"
@@ -13,4 +14,14 @@ HFSPlusReportTask::HFSPlusReportTask(HFSPlusVolume& volume, std::shared_ptr<KLTo
     setName(std::move(name));
     setArguments(trimmedComponentsSeparatedByCharactersInSet(event->string(), " \t"));
     setEvent(std::move(event));
+}
+
+bool HFSPlusReportTask::_copyPath(std::string& path, uint32_t cnid, bool& found,
+                                  VZDefragErrorSlot error)
+{
+    if (!_volume.catalog().copyPathForCNID(path, cnid, error)) {
+        return false;
+    }
+    found = !path.empty() || cnid <= kHFSRootFolderID;
+    return true;
 }

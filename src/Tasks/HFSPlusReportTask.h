@@ -15,5 +15,10 @@ protected:
      *  task ends. */
     HFSPlusReportTask(HFSPlusVolume& volume, std::shared_ptr<KLToolEvent> event, std::string name);
 
+    /** The catalog's path of @p cnid; @p found tells the empty path of the root folder from that
+     *  of an ID that is not in the catalog. */
+    [[nodiscard]] bool _copyPath(std::string& path, uint32_t cnid, bool& found,
+                                 VZDefragErrorSlot error);
+
     HFSPlusVolume& _volume;
 };
