@@ -5,7 +5,6 @@
 #include <charconv>
 #include <cmath>
 #include <csignal>
-#include <fstream>
 #include <tuple>
 #include <utility>
 
@@ -21,6 +20,7 @@
 #include "Tasks/HFSPlusMapTask.h"
 #include "Tasks/HFSPlusScanTask.h"
 #include "VZDefragOutput.h"
+#include "VZDefragStringTable.h"
 #include "VZDefragStringUtilities.h"
 #include "VZDefragVolume.h"
 
@@ -107,7 +107,7 @@ void printError(std::string_view format, const Arguments&... arguments)
     printErrorLine(*error);
 }
 
-/** Fails without a look into the strings file, for errors about that file and before it. */
+/** Fails without a look into the strings file, for errors about the option that names one. */
 template <typename... Arguments>
 bool failUntranslated(VZDefragErrorSlot error, std::string_view format,
                       const Arguments&... arguments)
@@ -193,7 +193,8 @@ bool VZDefragToolApplication::_parseOption(const std::vector<std::string>& argum
             options.quit = true;
             return true;
         case Option::kStrings:
-            return _setLocalizedStringsFile(arguments[index], error);
+            return setLocalizedStringsFile(arguments[index]) ||
+                   failUntranslated(error, "Strings file %1$@ is invalid.", arguments[index]);
         case Option::kLowPriority:
             // Where the system refuses, the work is done at the ordinary priority.
             std::ignore = PlatformUseIdleIOPriority();
@@ -221,16 +222,20 @@ bool VZDefragToolApplication::_setProgressInterval(const std::string& option,
     return true;
 }
 
-bool VZDefragToolApplication::_setLocalizedStringsFile(const std::string& path,
-                                                       VZDefragErrorSlot error)
+bool VZDefragToolApplication::setLocalizedStringsFile(const std::string& path)
 {
-    // Opening succeeds for a folder; only reading tells.
-    std::ifstream file(path, std::ios::binary);
-    std::ignore = file.peek();
-    if (!file.is_open() || file.bad()) {
-        return failUntranslated(error, "Strings file %1$@ is invalid.", path);
+    std::unique_ptr<VZDefragStringTable> table = VZDefragStringTable::initWithFile(path);
+    if (table == nullptr) {
+        return false;
     }
-    return failUntranslated(error, "Strings file %1$@ cannot be used in this version.", path);
+    _localizedStringTable = std::move(table);
+    return true;
+}
+
+std::string VZDefragToolApplication::localizedStringForKey(std::string_view key) const
+{
+    return _localizedStringTable != nullptr ? _localizedStringTable->localizedStringForKey(key)
+                                            : std::string(key);
 }
 
 bool VZDefragToolApplication::_openDevice(const Options& options, VZDefragErrorSlot error)

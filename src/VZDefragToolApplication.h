@@ -13,6 +13,7 @@
 
 class HFSPlusVolume;
 class KLToolTask;
+class VZDefragStringTable;
 class VZDefragVolume;
 
 /** The tool itself: the command line, the commands on standard input, and how it ends.
@@ -34,6 +35,10 @@ public:
     void terminate() override;
 
     [[nodiscard]] double progressInterval() const override { return _progressInterval; }
+    /** The translation in the strings file, or @p key itself. */
+    [[nodiscard]] std::string localizedStringForKey(std::string_view key) const override;
+    /** Loads the translations in a strings file; when that fails, those loaded before stay. */
+    [[nodiscard]] bool setLocalizedStringsFile(const std::string& path);
     /** Ends the tool as "QUIT" does: nobody is left to report to. */
     void outputReaderDidGoAway() override;
     void performOnMainThread(std::function<void()> work) override;
@@ -50,7 +55,6 @@ private:
                                     Options& options, VZDefragErrorSlot error);
     [[nodiscard]] bool _setProgressInterval(const std::string& option, const std::string& value,
                                             VZDefragErrorSlot error);
-    [[nodiscard]] bool _setLocalizedStringsFile(const std::string& path, VZDefragErrorSlot error);
     [[nodiscard]] bool _openDevice(const Options& options, VZDefragErrorSlot error);
     [[nodiscard]] HFSPlusVolume& _hfsPlusVolume() const;
     template <typename Task>
@@ -58,7 +62,8 @@ private:
     void _startMovingTask(const std::string& line, bool compact);
     void _startTask(const std::shared_ptr<KLToolTask>& task);
 
-    double _progressInterval = 1.0;  // seconds
+    double _progressInterval = 1.0;                              // seconds
+    std::unique_ptr<VZDefragStringTable> _localizedStringTable;  // null until a file is loaded
     std::unique_ptr<VZDefragVolume> _volume;
     std::set<std::shared_ptr<KLToolTask>> _tasks;  // started, their end not yet announced
     bool _terminateRequestPending = false;

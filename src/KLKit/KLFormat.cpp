@@ -126,7 +126,12 @@ Field fieldWithText(const std::string& text, const Placeholder& placeholder)
     Field field;
     field.body = text;
     if (isText && placeholder.precision && *placeholder.precision < text.size()) {
-        field.body.resize(*placeholder.precision);
+        size_t size = *placeholder.precision;
+        // Never in the middle of a UTF-8 character.
+        while (size > 0 && (static_cast<unsigned char>(text[size]) & 0xC0) == 0x80) {
+            --size;
+        }
+        field.body.resize(size);
     }
     return field;
 }

@@ -68,6 +68,17 @@ TEST(KLFormat, PrecisionBoundsTextsAndDigits)
     EXPECT_EQ(KLFormatString("%.*s", -1, "abc"), "abc");
 }
 
+TEST(KLFormat, PrecisionNeverCutsACharacterInTwo)
+{
+    const std::string text =
+        "a\xC3\xA4\xF0\x9F\x92\xBE"
+        "b";
+
+    EXPECT_EQ(KLFormatString("%1$.2@|%1$.3@|%1$.6s|%1$.7s", text),
+              "a|a\xC3\xA4|a\xC3\xA4|a\xC3\xA4\xF0\x9F\x92\xBE");
+    EXPECT_EQ(KLFormatString("%.1@", "\xC3\xA4"), "");
+}
+
 TEST(KLFormat, DoublesPrintAsInC)
 {
     EXPECT_EQ(KLFormatString("%.03f %f %e %g %G", 1.5, 0.25, 1500.0, 0.0001, 1e300),

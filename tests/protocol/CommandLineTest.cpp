@@ -154,17 +154,6 @@ TEST(CommandLine, AStringsFileThatCannotBeReadIsInvalid)
     EXPECT_EQ(outputOf({"--strings", "/"}), "ERROR,Strings file / is invalid.\n");
 }
 
-TEST(CommandLine, AReadableStringsFileIsRefused)
-{
-    const VolumeImage image;
-    const std::string path = uniqueTemporaryPath("strings.plist");
-    std::ofstream(path) << "<plist/>\n";
-
-    EXPECT_EQ(outputOf({"-s", path, image.path()}),
-              "ERROR,Strings file " + path + " cannot be used in this version.\n");
-    std::filesystem::remove(path);
-}
-
 TEST(CommandLine, TheFirstErrorStopsTheOptions)
 {
     EXPECT_EQ(outputOf({"-s", "/no/such/file", "-i", "0"}),
