@@ -59,23 +59,21 @@ uint32_t HFSPlusCopyEngine::_movableBlocks() const
     return _map().blockCount() - _map().blockCountForType(kHFSPlusExtentImmutable);
 }
 
-/** Blocks of a file that may not be parted: a node of a B-tree on a journaled volume, whose other
- *  drivers take every node for contiguous. */
-uint32_t HFSPlusCopyEngine::_blocksKeptTogether(uint32_t cnid) const
+uint32_t HFSPlusCopyEngine::blocksKeptTogether(const HFSPlusVolume& volume, uint32_t cnid)
 {
-    if (!_volume.isJournaled() || !_volume.isSpecialFile(cnid)) {
+    if (!volume.isJournaled() || !volume.isSpecialFile(cnid)) {
         return 1;
     }
     const HFSPlusBTreeFile* tree = nullptr;
     if (cnid == kHFSCatalogFileID) {
-        tree = &_volume.catalog();
+        tree = &volume.catalog();
     } else if (cnid == kHFSExtentsFileID) {
-        tree = &_volume.extents();
+        tree = &volume.extents();
     } else if (cnid == kHFSAttributesFileID) {
-        tree = _volume.attributes();
+        tree = volume.attributes();
     }
     const uint32_t nodeSize = tree == nullptr ? 0 : tree->nodeSize();
-    return std::max(nodeSize / _volume.hostVolumeHeader().blockSize, 1u);
+    return std::max(nodeSize / volume.hostVolumeHeader().blockSize, 1u);
 }
 
 HFSPlusCopyEngine::Cycle HFSPlusCopyEngine::_runCycle(VZDefragErrorSlot error)
@@ -231,10 +229,24 @@ bool HFSPlusCopyEngine::_findCopyZoneEnd(uint32_t zone, uint32_t& end,
 bool HFSPlusCopyEngine::_evictCopyZone(uint32_t zone, VZDefragErrorSlot error)
 {
     uint32_t end = 0;
-    bool evicted = _findCopyZoneEnd(zone, end, error) && _queueEvictions(zone, end, error) &&
-                   _copyList.perform(_map(), false, error);
+    const bool evicted = _findCopyZoneEnd(zone, end, error) && _queueEvictions(zone, end, error) &&
+                         _copyList.perform(_map(), false, error);
+    if (evicted) {
+        _tellOfEvictions();
+    }
     _copyList.dispose();
     return evicted;
+}
+
+void HFSPlusCopyEngine::_tellOfEvictions()
+{
+    std::vector<HFSPlusSourceSelection::Eviction> evictions;
+    for (const HFSPlusCopyEntry* entry = _copyList.firstEntry(); entry != nullptr;
+         entry = entry->next.get()) {
+        evictions.push_back(
+            {entry->source(), entry->count, entry->cnid, entry->fork(), entry->destination()});
+    }
+    _selection.sourceDidMove(evictions);
 }
 
 bool HFSPlusCopyEngine::_queueEvictions(uint32_t zone, uint32_t end, VZDefragErrorSlot error)
@@ -255,7 +267,7 @@ bool HFSPlusCopyEngine::_queueEvictions(uint32_t zone, uint32_t end, VZDefragErr
         }
         const uint32_t inside = std::min(count, zone - position);
         if (entry->type() == kHFSPlusExtentAllocated) {
-            const uint32_t unit = _blocksKeptTogether(entry->cnid);
+            const uint32_t unit = blocksKeptTogether(_volume, entry->cnid);
             const uint64_t whole = (uint64_t{inside} + unit - 1) / unit * unit;
             const auto evicted = static_cast<uint32_t>(std::min<uint64_t>(whole, count));
             if (!_queueEviction(*entry, evicted, *freeMap, error)) {
@@ -270,7 +282,7 @@ bool HFSPlusCopyEngine::_queueEvictions(uint32_t zone, uint32_t end, VZDefragErr
 bool HFSPlusCopyEngine::_queueEviction(const HFSPlusExtentMapEntry& entry, uint32_t count,
                                        HFSPlusFreeMap& freeMap, VZDefragErrorSlot error)
 {
-    const uint32_t unit = _blocksKeptTogether(entry.cnid);
+    const uint32_t unit = blocksKeptTogether(_volume, entry.cnid);
     uint32_t offset = 0;
     while (offset < count) {
         uint32_t given = count - offset;
@@ -339,7 +351,7 @@ bool HFSPlusCopyEngine::_queuePiece(HFSPlusSourceSelection::Piece piece, uint32_
     const uint32_t destination = front->start;
     const uint32_t source = piece.start + piece.offset;
     const uint32_t possible = std::min({piece.count, frontCount, room});
-    const uint32_t unit = _blocksKeptTogether(piece.cnid);
+    const uint32_t unit = blocksKeptTogether(_volume, piece.cnid);
     piece.count = possible < piece.count ? possible - possible % unit : possible;
     if (piece.count == 0) {
         return _skipFront(room, frontCount, queued, error);

@@ -22,12 +22,15 @@ public:
 
     [[nodiscard]] bool run(VZDefragErrorSlot error);
 
+    /** Blocks of a file that may not be parted: a node of a B-tree on a journaled volume, whose
+     *  other drivers take every node for contiguous. */
+    [[nodiscard]] static uint32_t blocksKeptTogether(const HFSPlusVolume& volume, uint32_t cnid);
+
 private:
     enum class Cycle { kFailed, kFinished, kGoOn };
 
     [[nodiscard]] HFSPlusExtentMap& _map() const { return *_span.extentMap(); }
     [[nodiscard]] uint32_t _movableBlocks() const;
-    [[nodiscard]] uint32_t _blocksKeptTogether(uint32_t cnid) const;
     [[nodiscard]] Cycle _runCycle(VZDefragErrorSlot error);
     [[nodiscard]] Cycle _prepareSpan(uint32_t& movable, VZDefragErrorSlot error);
     [[nodiscard]] bool _rebuildFromFront(VZDefragErrorSlot error);
@@ -39,6 +42,7 @@ private:
     [[nodiscard]] bool _queueEvictions(uint32_t zone, uint32_t end, VZDefragErrorSlot error);
     [[nodiscard]] bool _queueEviction(const HFSPlusExtentMapEntry& entry, uint32_t count,
                                       HFSPlusFreeMap& freeMap, VZDefragErrorSlot error);
+    void _tellOfEvictions();
     [[nodiscard]] bool _fillCycle(uint32_t zone, VZDefragErrorSlot error);
     [[nodiscard]] bool _queuePiece(HFSPlusSourceSelection::Piece piece, uint32_t room,
                                    uint32_t& queued, VZDefragErrorSlot error);

@@ -54,6 +54,8 @@ public:
      */
     [[nodiscard]] bool perform(HFSPlusExtentMap& map, bool countProgress, VZDefragErrorSlot error);
     void dispose();
+    /** The first entry, from which the others follow; null when there is none. */
+    [[nodiscard]] const HFSPlusCopyEntry* firstEntry() const { return _head.get(); }
 
 private:
     struct Group;

@@ -8,6 +8,7 @@
 #include "HFSPlus/HFSPlusForkExtents.h"
 #include "HFSPlus/HFSPlusVolume.h"
 #include "KLKit/KLDebug.h"
+#include "Tasks/HFSPlusCompactSelection.h"
 #include "Tasks/HFSPlusCopyEngine.h"
 #include "Tasks/HFSPlusDefragSelection.h"
 
@@ -58,7 +59,7 @@ bool HFSPlusDefragTask::_parseOptions(VZDefragErrorSlot error)
         const std::string& word = words[index];
         if (word == "-q" || word == "--quiet") {
             _verbose = false;
-        } else if (word == "-p" || word == "--profile") {
+        } else if (!_compact && (word == "-p" || word == "--profile")) {
             if (index + 1 == words.size()) {
                 return VZDefragFail(error, "Option %1$@ requires an argument.", word);
             }
@@ -101,22 +102,27 @@ bool HFSPlusDefragTask::_checkVolume(VZDefragErrorSlot error) const
 
 bool HFSPlusDefragTask::_moveData(VZDefragErrorSlot error)
 {
-    if (_compact) {
-        return VZDefragFail(error, "%1$@ is not available in this version.", name());
-    }
     // Not sooner: while the task waits for the volume, another run may be changing the count.
     const HFSPlusHostVolumeHeader& header = _volume.hostVolumeHeader();
     _allocatedBlocks = header.totalBlocks - header.freeBlocks;
-    if (!_prepareProfiles(error) || !_prepareForRun(error)) {
+    if ((!_compact && !_prepareProfiles(error)) || !_prepareForRun(error)) {
         return false;
     }
     if (_span->extentMap() == nullptr || _span->extentMap()->isEmpty()) {
         return true;
     }
     _startProgress();
-    HFSPlusDefragSelection selection(_volume, *_span, _profileFileForks);
-    HFSPlusCopyEngine engine(_volume, *this, *_span, selection, *_copyBuffer, *_progress);
+    const auto selection = _makeSelection();
+    HFSPlusCopyEngine engine(_volume, *this, *_span, *selection, *_copyBuffer, *_progress);
     return engine.run(error);
+}
+
+std::unique_ptr<HFSPlusSourceSelection> HFSPlusDefragTask::_makeSelection()
+{
+    if (_compact) {
+        return std::make_unique<HFSPlusCompactSelection>(*_span);
+    }
+    return std::make_unique<HFSPlusDefragSelection>(_volume, *_span, _profileFileForks);
 }
 
 bool HFSPlusDefragTask::_prepareProfiles(VZDefragErrorSlot error)
@@ -231,6 +237,9 @@ bool HFSPlusDefragTask::_skipWhatIsInPlace(VZDefragErrorSlot error)
 HFSPlusDefragTask::Front HFSPlusDefragTask::_frontEntry(const HFSPlusExtentMapEntry& entry,
                                                         VZDefragErrorSlot error)
 {
+    if (_compact) {
+        return _frontEntryToCompact(entry);
+    }
     if (entry.type() != kHFSPlusExtentAllocated) {
         return entry.type() == kHFSPlusExtentImmutable ? Front::kInPlace : Front::kStartHere;
     }
@@ -243,6 +252,41 @@ HFSPlusDefragTask::Front HFSPlusDefragTask::_frontEntry(const HFSPlusExtentMapEn
         return Front::kStartHere;
     }
     return _frontEntryInProfile(entry, extents.empty() ? nullptr : extents.data(), error);
+}
+
+/** Data begin to slide at the first hole, unless all that follows would come back to its place
+ *  because the hole ends at something fixed and is too small for the node that comes next. */
+HFSPlusDefragTask::Front HFSPlusDefragTask::_frontEntryToCompact(const HFSPlusExtentMapEntry& entry)
+{
+    if (entry.type() != kHFSPlusExtentUnalloced) {
+        return Front::kInPlace;
+    }
+    const HFSPlusExtentMap& map = *_span->extentMap();
+    const HFSPlusExtentMapEntry* next = map.nextEntryAfter(nullptr, &entry);
+    const bool endsAtFixed = next != nullptr && next->type() == kHFSPlusExtentImmutable;
+    return endsAtFixed && map.blockCountForEntry(entry) < _blocksNeededBehind(entry)
+               ? Front::kInPlace
+               : Front::kStartHere;
+}
+
+/** How many blocks the next data behind @p entry need in one run; 0 when there are none. */
+uint32_t HFSPlusDefragTask::_blocksNeededBehind(const HFSPlusExtentMapEntry& entry)
+{
+    if (entry.start < _nextDataStart) {
+        return _nextDataNeeds;
+    }
+    const HFSPlusExtentMap& map = *_span->extentMap();
+    uint32_t count = 0;
+    const HFSPlusExtentMapEntry* next = map.nextEntryAfter(&count, &entry);
+    while (next != nullptr && next->type() != kHFSPlusExtentAllocated) {
+        next = map.nextEntryAfter(&count, next);
+    }
+    if (next == nullptr) {
+        return 0;
+    }
+    _nextDataStart = next->start;
+    _nextDataNeeds = std::min(count, HFSPlusCopyEngine::blocksKeptTogether(_volume, next->cnid));
+    return _nextDataNeeds;
 }
 
 HFSPlusDefragTask::Front HFSPlusDefragTask::_frontEntryInProfile(

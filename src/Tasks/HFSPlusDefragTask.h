@@ -10,6 +10,7 @@
 #include "Tasks/HFSPlusExtentMapBuilder.h"
 #include "VZDefragTask.h"
 
+class HFSPlusSourceSelection;
 class HFSPlusVolume;
 
 /** The commands that move data: DEFRAG makes every movable fork contiguous, COMPACT slides all data
@@ -31,6 +32,7 @@ private:
     [[nodiscard]] bool _parseProfiles(const std::string& list, VZDefragErrorSlot error);
     [[nodiscard]] bool _checkVolume(VZDefragErrorSlot error) const;
     [[nodiscard]] bool _moveData(VZDefragErrorSlot error);
+    [[nodiscard]] std::unique_ptr<HFSPlusSourceSelection> _makeSelection();
     [[nodiscard]] bool _prepareProfiles(VZDefragErrorSlot error);
     void _removeImmutableForksFromProfiles();
     [[nodiscard]] bool _prepareForRun(VZDefragErrorSlot error);
@@ -39,6 +41,8 @@ private:
     [[nodiscard]] bool _skipWhatIsInPlace(VZDefragErrorSlot error);
     [[nodiscard]] bool _removeFrontEntry(VZDefragErrorSlot error);
     [[nodiscard]] Front _frontEntry(const HFSPlusExtentMapEntry& entry, VZDefragErrorSlot error);
+    [[nodiscard]] Front _frontEntryToCompact(const HFSPlusExtentMapEntry& entry);
+    [[nodiscard]] uint32_t _blocksNeededBehind(const HFSPlusExtentMapEntry& entry);
     [[nodiscard]] Front _frontEntryInProfile(const HFSPlusExtentMapEntry& entry,
                                              const HFSPlusHostExtentDescriptor* extent,
                                              VZDefragErrorSlot error);
@@ -57,4 +61,6 @@ private:
     std::unique_ptr<HFSPlusCopyBuffer> _copyBuffer;
     std::unique_ptr<HFSPlusDefragProgress> _progress;
     uint64_t _skippedBlocks = 0;  // allocated blocks that were in place before the pass began
+    uint32_t _nextDataStart = 0;  // of COMPACT: the first data behind the holes skipped so far
+    uint32_t _nextDataNeeds = 0;  // blocks of them that cannot be parted
 };

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "VZDefragError.h"
 
@@ -15,6 +16,14 @@ public:
         uint32_t cnid = 0;
         uint8_t fork = 0;
     };
+    /** A run that went elsewhere to make room at the front. */
+    struct Eviction {
+        uint32_t start = 0;
+        uint32_t count = 0;
+        uint32_t cnid = 0;
+        uint8_t fork = 0;
+        uint32_t destination = 0;
+    };
     enum class Found { kFailed, kNothing, kPiece };
 
     HFSPlusSourceSelection() = default;
@@ -28,4 +37,9 @@ public:
     [[nodiscard]] virtual bool putSourceEntry(const Piece& piece, VZDefragErrorSlot error) = 0;
     /** A cycle's copies are done and the forks' extents have changed. */
     [[nodiscard]] virtual bool updateSource(VZDefragErrorSlot error) = 0;
+    /** The runs at the front have left it; @p evictions are in block order of their old places. */
+    virtual void sourceDidMove(const std::vector<Eviction>& evictions)
+    {
+        static_cast<void>(evictions);
+    }
 };

@@ -23,7 +23,7 @@ std::string unescaped(const std::string& field)
 
 std::string DefragOutput::error() const
 {
-    const std::string head = "DEFRAG,ERROR,";
+    const std::string head = command + ",ERROR,";
     for (const std::string& line : lines) {
         if (line.starts_with(head)) {
             return unescaped(line.substr(head.size()));
@@ -34,15 +34,17 @@ std::string DefragOutput::error() const
 
 bool DefragOutput::isWhole() const
 {
-    return lines.size() >= 2 && lines.front() == "DEFRAG,START" && lines.back() == "DEFRAG,DONE";
+    return lines.size() >= 2 && lines.front() == command + ",START" &&
+           lines.back() == command + ",DONE";
 }
 
 std::vector<DefragMove> DefragOutput::moves() const
 {
     std::vector<DefragMove> moves;
+    const std::string format = command + ",PROGRESS,%d,%u,%u,%u,%u";
     for (const std::string& line : lines) {
         DefragMove move;
-        if (std::sscanf(line.c_str(), "DEFRAG,PROGRESS,%d,%u,%u,%u,%u", &move.percent, &move.source,
+        if (std::sscanf(line.c_str(), format.c_str(), &move.percent, &move.source,
                         &move.destination, &move.count, &move.allocatedBlocks) == 5) {
             moves.push_back(move);
         }
@@ -53,11 +55,12 @@ std::vector<DefragMove> DefragOutput::moves() const
 DefragOutput runDefrag(HFSPlusVolume& volume, uint64_t bufferSize, std::vector<std::string> words,
                        const std::function<void(HFSPlusDefragTask&)>& prepare)
 {
-    const auto task = std::make_shared<HFSPlusDefragTask>(volume, false);
+    const std::string command = words.front();
+    const auto task = std::make_shared<HFSPlusDefragTask>(volume, command == "COMPACT");
     task->setCopyBufferSize(bufferSize);
     task->setArguments(std::move(words));
     if (prepare != nullptr) {
         prepare(*task);
     }
-    return {runTask(*task)};
+    return {runTask(*task), command};
 }

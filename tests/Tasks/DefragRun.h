@@ -16,16 +16,17 @@ struct DefragMove {
     uint32_t allocatedBlocks = 0;
 };
 
-/** What a run of DEFRAG printed. */
+/** What a run of DEFRAG or COMPACT printed. */
 struct DefragOutput {
     std::vector<std::string> lines;
+    std::string command = "DEFRAG";
 
     [[nodiscard]] std::string error() const;
     [[nodiscard]] bool isWhole() const;
     [[nodiscard]] std::vector<DefragMove> moves() const;
 };
 
-/** Runs DEFRAG with the given words on @p volume, in memory, to its end.
+/** Runs the command of the given words, DEFRAG or COMPACT, on @p volume, in memory, to its end.
  *
  *  Cycles carry @p bufferSize bytes, since the default would take a small volume whole.
  */

@@ -4,11 +4,12 @@
 #include <memory>
 
 #include "Tasks/WatchedDefrag.h"
-#include "support/HFSPlusVolumeChecker.h"
+#include "support/HFSPlusDataOrder.h"
 #include "support/RandomVolume.h"
 #include "support/TestSeed.h"
 
-// DEFRAG on sound volumes of any layout, to the end, told to end early, and on devices that fail.
+// DEFRAG and COMPACT on sound volumes of any layout, to the end, told to end early, and on devices
+// that fail.
 
 namespace {
 
@@ -20,6 +21,8 @@ struct Finding {
         HFSPlusCheckDeviceReader reader(*copy);
         result = checkHFSPlusVolume(reader, options);
         hashes = hashForks(reader, result);
+        order = dataOrder(movableForks(reader, result));
+        gaps = gapsAmongData(reader, result, 0);
     }
 
     [[nodiscard]] size_t mostExtents() const
@@ -33,6 +36,8 @@ struct Finding {
 
     HFSPlusCheckResult result;
     HFSPlusForkHashes hashes;
+    std::vector<HFSPlusDataRun> order;
+    std::vector<HFSPlusCheckedExtent> gaps;
 };
 
 void expectSameVolume(const Finding& before, const MemoryBlockDevice& memory,
@@ -189,4 +194,34 @@ TEST(RandomVolumes, AFailingWriteOfDataLeavesASoundVolumeOfTheSameContents)
         }
     });
     EXPECT_GT(dataFailures, 0u);
+}
+
+TEST(RandomVolumes, AWholeCompactKeepsContentsAndOrderAndClosesEveryGap)
+{
+    uint32_t moving = 0;
+    uint32_t complete = 0;
+    forEachCase(120, [&](Case& given, const Finding& before) {
+        given.options.command = "COMPACT";
+        const WatchedDefrag run = watchDefrag(*given.memory, given.options);
+
+        moving += run.output.moves().empty() ? 0 : 1;
+        complete += run.error().empty() ? 1 : 0;
+        EXPECT_TRUE(run.opened) << run.openError;
+        EXPECT_TRUE(run.output.isWhole());
+        EXPECT_FALSE(run.isEndless);
+        EXPECT_TRUE(run.error().empty() || saysTooLittleRoom(run.error())) << run.error();
+        expectSameVolume(before, *given.memory);
+        if (run.error().empty()) {
+            const Finding after(*given.memory);
+            EXPECT_EQ(after.order, before.order);
+            EXPECT_EQ(after.gaps, std::vector<HFSPlusCheckedExtent>());
+
+            const WatchedDefrag again = watchDefrag(*given.memory, given.options);
+
+            EXPECT_EQ(again.output.lines,
+                      (std::vector<std::string>{"COMPACT,START", "COMPACT,DONE"}));
+        }
+    });
+    EXPECT_GT(moving, testRounds(120) / 2);
+    EXPECT_GT(complete, testRounds(120) / 2);
 }

@@ -85,7 +85,7 @@ WatchedDefrag watchDefrag(const MemoryBlockDevice& memory, const WatchedDefragOp
     if (options.faults != nullptr) {
         options.faults(faults);
     }
-    result.output = runDefrag(*volume, options.bufferSize, {"DEFRAG"}, [&](auto& task) {
+    result.output = runDefrag(*volume, options.bufferSize, {options.command}, [&](auto& task) {
         if (options.abortAfter != 0) {
             watch->call = [&task] { task.abort(); };
             watch->callAt = watch->operations + options.abortAfter;

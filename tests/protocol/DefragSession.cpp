@@ -9,7 +9,7 @@
 namespace {
 
 constexpr int kSmallPipe = 4096;  // bytes
-constexpr std::string_view kMovePrefix = "DEFRAG,PROGRESS,";
+constexpr std::string_view kMovers[] = {"DEFRAG", "COMPACT"};
 
 /** The numbers between the commas of @p text. */
 std::vector<uint64_t> numbersIn(std::string_view text)
@@ -29,12 +29,21 @@ std::vector<uint64_t> numbersIn(std::string_view text)
     return numbers;
 }
 
+/** Whether @p line is one of a moving task's, of the kind @p word. */
+bool isOfMover(std::string_view line, const std::string& word)
+{
+    return std::ranges::any_of(kMovers, [&](std::string_view name) {
+        return line.starts_with(std::string(name) + "," + word);
+    });
+}
+
 std::optional<PrintedMove> moveIn(std::string_view line)
 {
-    if (!line.starts_with(kMovePrefix)) {
+    constexpr std::string_view kWord = "PROGRESS,";
+    if (!isOfMover(line, std::string(kWord))) {
         return std::nullopt;
     }
-    const std::vector<uint64_t> numbers = numbersIn(line.substr(kMovePrefix.size()));
+    const std::vector<uint64_t> numbers = numbersIn(line.substr(line.find(kWord) + kWord.size()));
     // A quiet run's progress has one number only.
     if (numbers.size() != 5) {
         return std::nullopt;
@@ -49,7 +58,7 @@ std::vector<std::string> DefragTranscript::errors() const
 {
     std::vector<std::string> found;
     for (const std::string& line : lines) {
-        if (line.starts_with("ERROR,") || line.starts_with("DEFRAG,ERROR,")) {
+        if (line.starts_with("ERROR,") || isOfMover(line, "ERROR,")) {
             found.push_back(line);
         }
     }
@@ -86,7 +95,7 @@ void DefragSession::readToDone(DefragTranscript& transcript, size_t count)
             return;
         }
         transcript.lines.push_back(*line);
-        count -= *line == "DEFRAG,DONE" ? 1 : 0;
+        count -= isOfMover(*line, "DONE") ? 1 : 0;
     }
 }
 
@@ -151,8 +160,9 @@ DefragTranscript defragImage(const std::string& path, std::string_view command)
     EXPECT_EQ(session.process().wait(), 0);
     EXPECT_FALSE(transcript.lines.empty());
     if (!transcript.lines.empty()) {
-        EXPECT_EQ(transcript.lines.front(), "DEFRAG,START");
-        EXPECT_EQ(transcript.lines.back(), "DEFRAG,DONE");
+        const std::string name(command.substr(0, command.find(' ')));
+        EXPECT_EQ(transcript.lines.front(), name + ",START");
+        EXPECT_EQ(transcript.lines.back(), name + ",DONE");
     }
     return transcript;
 }

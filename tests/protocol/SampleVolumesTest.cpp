@@ -86,6 +86,29 @@ TEST_P(SampleVolumes, AQuietDefragDoesTheSameAndPrintsNoMove)
     expectManifest();
 }
 
+TEST_P(SampleVolumes, CompactGathersTheFreeSpaceAndKeepsTheOrderAndEveryByte)
+{
+    const VolumeState before = readVolumeStateWithoutHashes(_image);
+    // One of them was filled without a gap.
+    ASSERT_EQ(before.gaps.empty(), std::string(GetParam()) == "blk1k");
+
+    const DefragTranscript run = defragImage(_image, "COMPACT");
+
+    EXPECT_EQ(run.errors(), std::vector<std::string>());
+    EXPECT_EQ(run.moves().empty(), before.gaps.empty());
+    EXPECT_LT(run.peakMemory, kMemoryAllowed);
+    const VolumeState after = readVolumeStateWithoutHashes(_image);
+    expectSoundAsBefore(_image, after, before);
+    EXPECT_EQ(after.order, before.order);
+    EXPECT_EQ(after.gaps, std::vector<HFSPlusCheckedExtent>());
+    expectManifest();
+
+    const DefragTranscript again = defragImage(_image, "COMPACT");
+
+    EXPECT_EQ(again.lines, (std::vector<std::string>{"COMPACT,START", "COMPACT,DONE"}));
+    EXPECT_EQ(readVolumeStateWithoutHashes(_image).check.forks, after.check.forks);
+}
+
 INSTANTIATE_TEST_SUITE_P(Program, SampleVolumes,
                          testing::Values("plain4k", "blk1k", "journaled", "attrs"),
                          [](const auto& instance) { return std::string(instance.param); });

@@ -13,43 +13,6 @@
 
 namespace {
 
-constexpr uint32_t kBadBlocksFile = 5;
-constexpr uint32_t kStartupFile = 7;
-constexpr uint32_t kJournaled = 1 << 13;        // of the volume's attributes
-constexpr uint64_t kJournalOffsetInBlock = 36;  // TN1150, "Journal Info Block"
-
-/** The big-endian number of eight bytes at @p offset. */
-uint64_t numberAt(HFSPlusCheckReader& reader, uint64_t offset)
-{
-    std::array<uint8_t, 8> bytes = {};
-    EXPECT_TRUE(reader.read(bytes.data(), bytes.size(), offset));
-    uint64_t number = 0;
-    for (const uint8_t byte : bytes) {
-        number = number << 8 | byte;
-    }
-    return number;
-}
-
-bool holdsBlock(const HFSPlusCheckedFork& fork, uint64_t block)
-{
-    return std::ranges::any_of(fork.extents, [&](const HFSPlusCheckedExtent& extent) {
-        return extent.startBlock <= block &&
-               block < uint64_t{extent.startBlock} + extent.blockCount;
-    });
-}
-
-/** The blocks by which the files of the journal are known. */
-std::vector<uint64_t> journalBlocks(HFSPlusCheckReader& reader, const HFSPlusCheckResult& check)
-{
-    if ((check.attributes & kJournaled) == 0 || check.blockSize == 0) {
-        return {};
-    }
-    const uint64_t info = check.journalInfoBlock;
-    const uint64_t offset =
-        numberAt(reader, check.volumeOffset + info * check.blockSize + kJournalOffsetInBlock);
-    return {info, offset / check.blockSize};
-}
-
 VolumeState readState(const std::string& path, bool hashed)
 {
     VolumeState state;
@@ -62,15 +25,11 @@ VolumeState readState(const std::string& path, bool hashed)
     if (hashed) {
         state.hashes = hashForks(*reader, state.check, {.hashBlocks = true});
     }
-    const std::vector<uint64_t> journal = journalBlocks(*reader, state.check);
-    for (const HFSPlusCheckedFork& fork : state.check.forks) {
-        const bool isFixed =
-            fork.cnid == kBadBlocksFile || fork.cnid == kStartupFile ||
-            std::ranges::any_of(journal, [&](uint64_t block) { return holdsBlock(fork, block); });
-        if (fork.extents.size() > 1 && !isFixed) {
-            state.fragments.push_back(fork);
-        }
-    }
+    const std::vector<HFSPlusCheckedFork> movable = movableForks(*reader, state.check);
+    std::ranges::copy_if(movable, std::back_inserter(state.fragments),
+                         [](const HFSPlusCheckedFork& fork) { return fork.extents.size() > 1; });
+    state.order = dataOrder(movable);
+    state.gaps = gapsAmongData(*reader, state.check, 0);
     return state;
 }
 

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "support/HFSPlusVolumeChecker.h"
+#include "support/HFSPlusDataOrder.h"
 
 /** What an image holds. */
 struct VolumeState {
@@ -12,6 +12,10 @@ struct VolumeState {
 
     /** The forks that a run may move and that lie in several extents. */
     std::vector<HFSPlusCheckedFork> fragments;
+    /** What a run may move, in the order in which it lies there. */
+    std::vector<HFSPlusDataRun> order;
+    /** The free runs among that. */
+    std::vector<HFSPlusCheckedExtent> gaps;
 };
 
 /** Reads the volume in the image at @p path; a failure of the test when it cannot be opened. */
