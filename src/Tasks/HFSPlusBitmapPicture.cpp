@@ -13,6 +13,7 @@ constexpr uint64_t kWordBits = 64;
 constexpr uint64_t kWordBytes = 8;
 /** Bits that a word holds from any position within its first byte on. */
 constexpr uint32_t kWindowBits = 57;
+constexpr uint32_t kPrintedBits = 32;  // of the picture, at once
 /** Small enough for its table to stay in the nearest cache. */
 constexpr uint32_t kTableIndexBits = 12;
 
@@ -56,8 +57,12 @@ uint64_t usedBits(std::span<const uint8_t> bytes, uint64_t bit, uint64_t count)
 }  // namespace
 
 HFSPlusBitmapPicture::HFSPlusBitmapPicture(uint32_t scale, LineReceiver receiveLine)
-    : _scale(scale), _receiveLine(std::move(receiveLine)), _missing(scale)
+    : _scale(scale),
+      _receiveLine(std::move(receiveLine)),
+      _windowGroups(kWindowBits / scale),
+      _missing(scale)
 {
+    // Scale 1 has no need of a table: its bits are the bitmap's own.
     if (_scale > 1 && _scale <= kTableIndexBits) {
         _makeGroupTable();
     }
@@ -66,10 +71,10 @@ HFSPlusBitmapPicture::HFSPlusBitmapPicture(uint32_t scale, LineReceiver receiveL
 void HFSPlusBitmapPicture::_makeGroupTable()
 {
     _tableGroups = kTableIndexBits / _scale;
+    _windowGroups -= _windowGroups % _tableGroups;
     const uint32_t indexBits = _tableGroups * _scale;
     const uint32_t groupMask = (1U << _scale) - 1;
     _groupTable.resize(size_t{1} << indexBits);
-    // Scale 1 would not fit an entry, but has no need of a table: its bits are the bitmap's own.
     for (uint32_t index = 0; index < _groupTable.size(); ++index) {
         uint32_t groups = 0;
         for (uint32_t shift = indexBits; shift > 0; shift -= _scale) {
@@ -106,7 +111,7 @@ void HFSPlusBitmapPicture::_appendMasked(std::span<const uint8_t> bytes)
     }
     _noteLastUsed(bytes);
     if (_scale == 1) {
-        _appendBytesAsBits(bytes);
+        _appendBytes(bytes);
     } else {
         _appendGroups(bytes);
     }
@@ -143,13 +148,6 @@ void HFSPlusBitmapPicture::_noteLastUsed(std::span<const uint8_t> bytes)
     }
 }
 
-void HFSPlusBitmapPicture::_appendBytesAsBits(std::span<const uint8_t> bytes)
-{
-    for (const uint8_t byte : bytes) {
-        _appendByte(byte);
-    }
-}
-
 void HFSPlusBitmapPicture::_appendGroups(std::span<const uint8_t> bytes)
 {
     const uint64_t end = bytes.size() * 8;
@@ -173,52 +171,73 @@ void HFSPlusBitmapPicture::_appendGroups(std::span<const uint8_t> bytes)
 /** Settles groups that begin at @p bit and lie in whole words; the bit behind them. */
 uint64_t HFSPlusBitmapPicture::_appendSmallGroups(std::span<const uint8_t> bytes, uint64_t bit)
 {
-    if (_scale > kWindowBits) {
-        return bit;
-    }
-    const uint32_t groups = std::max(_tableGroups, 1U);
-    const uint32_t width = groups * _scale;
-    const uint32_t looks = kWindowBits / width;
-    while (bit / 8 + kWordBytes <= bytes.size()) {
-        uint64_t window = wordAt(bytes, bit / 8) << (bit % 8);
-        uint64_t bits = 0;
-        for (uint32_t look = 0; look < looks; ++look) {
-            const uint64_t blocks = window >> (kWordBits - width);
-            const bool used = _isMostlyUsed(static_cast<uint64_t>(std::popcount(blocks)));
-            bits = bits << groups |
-                   (_tableGroups > 0 ? _groupTable[blocks] : static_cast<uint64_t>(used));
-            window <<= width;
-        }
-        _appendBits(bits, looks * groups);
-        bit += uint64_t{looks} * width;
+    while (_windowGroups > 0 && bit / 8 + kWordBytes <= bytes.size()) {
+        _appendBits(_bitsOfWindow(wordAt(bytes, bit / 8) << (bit % 8)), _windowGroups);
+        bit += uint64_t{_windowGroups} * _scale;
     }
     return bit;
+}
+
+/** The bits of the groups that begin at the top of @p window. */
+uint64_t HFSPlusBitmapPicture::_bitsOfWindow(uint64_t window) const
+{
+    uint64_t bits = 0;
+    if (_tableGroups > 0) {
+        const uint32_t indexBits = _tableGroups * _scale;
+        for (uint32_t group = 0; group < _windowGroups; group += _tableGroups) {
+            bits = bits << _tableGroups | _groupTable[window >> (kWordBits - indexBits)];
+            window <<= indexBits;
+        }
+        return bits;
+    }
+    for (uint32_t group = 0; group < _windowGroups; ++group) {
+        const auto used = static_cast<uint64_t>(std::popcount(window >> (kWordBits - _scale)));
+        bits = bits << 1 | (_isMostlyUsed(used) ? 1 : 0);
+        window <<= _scale;
+    }
+    return bits;
 }
 
 void HFSPlusBitmapPicture::_appendBits(uint64_t bits, uint32_t count)
 {
     _bits = _bits << count | bits;
     _bitCount += count;
-    while (_bitCount >= 8) {
-        _bitCount -= 8;
-        _appendByte(static_cast<uint8_t>(_bits >> _bitCount));
+    if (_bitCount >= kPrintedBits) {
+        _bitCount -= kPrintedBits;
+        const HFSPlusBigEndian<uint32_t> word = static_cast<uint32_t>(_bits >> _bitCount);
+        std::array<uint8_t, sizeof word> bytes{};
+        std::memcpy(bytes.data(), &word, sizeof word);
+        _appendBytes(bytes);
     }
 }
 
-void HFSPlusBitmapPicture::_appendByte(uint8_t byte)
+void HFSPlusBitmapPicture::_appendBytes(std::span<const uint8_t> bytes)
 {
-    std::memcpy(_line.data() + _lineSize, kDigitPairs[byte].data(), 2);
-    _lineSize += 2;
-    if (_lineSize == kLineDigits) {
-        _receiveLine({_line.data(), _lineSize});
-        _lineSize = 0;
+    while (!bytes.empty()) {
+        const size_t count = std::min(bytes.size(), (kLineDigits - _lineSize) / 2);
+        char* digits = _line.data() + _lineSize;
+        for (const uint8_t byte : bytes.first(count)) {
+            std::memcpy(digits, kDigitPairs[byte].data(), 2);
+            digits += 2;
+        }
+        _lineSize += count * 2;
+        bytes = bytes.subspan(count);
+        if (_lineSize == kLineDigits) {
+            _receiveLine({_line.data(), _lineSize});
+            _lineSize = 0;
+        }
     }
 }
 
 void HFSPlusBitmapPicture::finish()
 {
-    if (_bitCount > 0 || _missing < _scale) {
-        _appendBits(0, 8 - _bitCount);
+    if (_bitCount % 8 > 0 || _missing < _scale) {
+        _appendBits(0, 8 - _bitCount % 8);
+    }
+    while (_bitCount > 0) {
+        _bitCount -= 8;
+        const auto byte = static_cast<uint8_t>(_bits >> _bitCount);
+        _appendBytes({&byte, 1});
     }
     if (_lineSize > 0) {
         _receiveLine({_line.data(), _lineSize});

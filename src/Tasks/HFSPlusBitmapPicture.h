@@ -44,27 +44,29 @@ private:
     void _appendMasked(std::span<const uint8_t> bytes);
     void _noteFirstUnused(std::span<const uint8_t> bytes);
     void _noteLastUsed(std::span<const uint8_t> bytes);
-    void _appendBytesAsBits(std::span<const uint8_t> bytes);
     void _appendGroups(std::span<const uint8_t> bytes);
     [[nodiscard]] uint64_t _appendSmallGroups(std::span<const uint8_t> bytes, uint64_t bit);
+    [[nodiscard]] uint64_t _bitsOfWindow(uint64_t window) const;
     void _makeGroupTable();
     [[nodiscard]] bool _isMostlyUsed(uint64_t used) const { return 2 * used >= _scale; }
     void _appendBits(uint64_t bits, uint32_t count);
-    void _appendByte(uint8_t byte);
+    /** Takes what are bytes of the picture already. */
+    void _appendBytes(std::span<const uint8_t> bytes);
 
     const uint32_t _scale;  // blocks per bit
     const LineReceiver _receiveLine;
+    uint32_t _windowGroups;     // groups that a word settles at once; 0 if they are too large
+    uint32_t _tableGroups = 0;  // groups that one look into the table settles; 0: no table
+    std::vector<uint8_t> _groupTable;  // the groups' bits, by the bits of their blocks
     uint32_t _firstUnmaskedBlock = 0;
     uint32_t _lastUsedLimit = UINT32_MAX;
     uint32_t _firstUnusedBlock = UINT32_MAX;
     uint32_t _lastUsedBlock = 0;
-    uint64_t _block = 0;        // the first one of the next bytes
-    uint64_t _used = 0;         // blocks of the current group
-    uint64_t _missing;          // blocks of the current group that are still to come
-    uint64_t _bits = 0;         // of the picture, not yet printed; only the lowest _bitCount count
-    uint32_t _bitCount = 0;     // less than 8 between calls
-    uint32_t _tableGroups = 0;  // groups that one look into the table settles; 0: no table
-    std::vector<uint8_t> _groupTable;  // the groups' bits, by the bits of their blocks
+    uint64_t _block = 0;     // the first one of the next bytes
+    uint64_t _used = 0;      // blocks of the current group
+    uint64_t _missing;       // blocks of the current group that are still to come
+    uint64_t _bits = 0;      // of the picture, not yet printed; only the lowest _bitCount count
+    uint32_t _bitCount = 0;  // less than 32 between calls
     std::array<char, kLineDigits> _line{};
     size_t _lineSize = 0;  // digits
 };
