@@ -6,6 +6,7 @@
 #include <limits>
 #include <string_view>
 
+#include "HFSPlus/HFSPlusAllocationReadAhead.h"
 #include "HFSPlus/HFSPlusVolume.h"
 #include "KLKit/KLDebug.h"
 #include "KLKit/KLStringUtilities.h"
@@ -248,12 +249,16 @@ bool HFSPlusAllocation::readChunk(uint32_t index, uint8_t* buffer, VZDefragError
     // A file that ends inside a block has no bits in the rest of it: zeros keep the chunk whole.
     const uint64_t nbyte = _chunkBytesInFile(index);
     std::memset(buffer + nbyte, 0, size - nbyte);
-    return read(buffer, nbyte, uint64_t{_chunkSize} * index, error) ||
-           VZDefragFail(error, kChunkOutOfRange, index);
+    const uint64_t offset = uint64_t{_chunkSize} * index;
+    return (_readAhead != nullptr && _readAhead->copy(buffer, nbyte, offset)) ||
+           read(buffer, nbyte, offset, error) || VZDefragFail(error, kChunkOutOfRange, index);
 }
 
 bool HFSPlusAllocation::writeChunk(uint32_t index, const uint8_t* buffer, VZDefragErrorSlot error)
 {
+    if (_readAhead != nullptr) {
+        _readAhead->drop();
+    }
     return (chunkSizeFromChunkIndex(index, error) != 0 &&
             write(buffer, _chunkBytesInFile(index), uint64_t{_chunkSize} * index, error)) ||
            VZDefragFail(error, kChunkOutOfRange, index);

@@ -11,6 +11,7 @@
 #include "KLKit/KLQueue.h"
 
 class HFSPlusAllocation;
+class HFSPlusAllocationReadAhead;
 
 /** A chunk taken from the bitmap's cache; goes back when the guard goes. Empty when the chunk
  *  could not be had. No guard outlives the bitmap. */
@@ -79,6 +80,9 @@ public:
     [[nodiscard]] bool readChunk(uint32_t index, uint8_t* buffer, VZDefragErrorSlot error);
     [[nodiscard]] bool writeChunk(uint32_t index, const uint8_t* buffer, VZDefragErrorSlot error);
 
+    /** Has chunks read through @p readAhead; null ends that. */
+    void setReadAhead(HFSPlusAllocationReadAhead* readAhead) { _readAhead = readAhead; }
+
     [[nodiscard]] bool isDirty() const override;
     void setHoldsWrites(bool holds) override;
 
@@ -117,4 +121,5 @@ private:
     uint64_t _chunkCacheLimit = 0;  // most unreferenced chunks; 0: no limit
     bool _holdsWrites = false;      // idle chunks that are dirty stay, beyond the limit if need be
     std::vector<HFSPlusHostExtentDescriptor> _pinnedExtents;
+    HFSPlusAllocationReadAhead* _readAhead = nullptr;  // not owned
 };

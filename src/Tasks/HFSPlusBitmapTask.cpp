@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "HFSPlus/HFSPlusAllocation.h"
+#include "HFSPlus/HFSPlusAllocationReadAhead.h"
 #include "HFSPlus/HFSPlusVolume.h"
 #include "Tasks/HFSPlusBitmapPicture.h"
 #include "VZDefragOutput.h"
@@ -100,6 +101,7 @@ bool HFSPlusBitmapTask::_parseAllocationWithScale(int32_t scale, VZDefragErrorSl
     picture.setLastUsedLimit(_lastUsedLimit());
 
     HFSPlusAllocation& allocation = _volume.allocation();
+    const HFSPlusAllocationReadAhead readAhead(allocation);
     const uint64_t chunkBlocks = uint64_t{allocation.chunkSize()} * 8;
     for (uint64_t block = 0; block < totalBlocks; block += chunkBlocks) {
         if (aborted()) {
