@@ -4,9 +4,12 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
+#include <optional>
 #include <random>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "Platform/PlatformPropertyList.h"
 #include "Platform/PlatformPropertyListCheck.h"
@@ -271,6 +274,29 @@ TEST(LinuxPropertyList, ADeeplyNestedBinaryListIsRefused)
     }
 
     EXPECT_EQ(stringsIn(list.build(list.dictionary({key, inner}))), std::nullopt);
+}
+
+TEST(LinuxPropertyList, ABinaryListMayNestAThousandContainersAndNoMore)
+{
+    BinaryList list;
+    const size_t key = list.text("key");
+    size_t inner = list.array({});
+    for (int depth = 2; depth < 1000; ++depth) {
+        inner = list.array({inner});
+    }
+
+    EXPECT_TRUE(stringsIn(list.build(list.dictionary({key, inner}))));
+    EXPECT_EQ(stringsIn(list.build(list.dictionary({key, list.array({inner})}))), std::nullopt);
+}
+
+TEST(LinuxPropertyList, ASmallObjectThatIsRepeatedVeryOftenIsRefused)
+{
+    for (const auto& [count, taken] : {std::pair(100000, true), std::pair(300000, false)}) {
+        BinaryList list(4);
+        const size_t key = list.text("key");
+        const size_t many = list.array(std::vector<size_t>(static_cast<size_t>(count), key));
+        EXPECT_EQ(stringsIn(list.build(list.dictionary({key, many}))).has_value(), taken) << count;
+    }
 }
 
 TEST(LinuxPropertyList, ABinaryListThatContainsItselfIsRefused)
