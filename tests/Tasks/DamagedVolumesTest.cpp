@@ -10,8 +10,8 @@
 #include "support/HFSPlusVolumeMutator.h"
 #include "support/TestSeed.h"
 
-// DEFRAG on volumes with random damage. Whatever the bytes say, a run ends, stays within the
-// volume, and leaves alone what it cannot understand.
+// DEFRAG and COMPACT on volumes with random damage. Whatever the bytes say, a run ends, stays
+// within the volume, and leaves alone what it cannot understand.
 
 namespace {
 
@@ -255,31 +255,13 @@ void expectNoHarm(const MemoryBlockDevice& damaged, const MemoryBlockDevice& mem
     }
 }
 
-}  // namespace
-
-TEST(DamagedVolumes, EveryKindOfVolumeIsSoundBeforeItIsDamaged)
-{
-    for (const Kind& kind : kinds()) {
-        const Knowledge known(*kind.memory);
-        EXPECT_TRUE(known.result.consistent) << known.result.description();
-
-        const auto memory = kind.memory->clone();
-        const WatchedDefrag run = watchDefrag(*memory, {.bufferSize = 400 * 1024});
-
-        EXPECT_EQ(run.error(), "");
-        EXPECT_NE(run.output.moves().size(), 0u);
-        expectNoHarm(*kind.memory, *memory, run);
-    }
-}
-
-TEST(DamagedVolumes, ARunEndsWithinTheVolumeAndChangesNoContents)
+void tryDamagedVolumes(const std::string& command, uint32_t rounds)
 {
     const std::vector<Kind> all = kinds();
     const uint32_t seed = testSeed(1);
-    const uint32_t rounds = testRounds(300);
     uint32_t refused = 0;
     uint32_t moving = 0;
-    for (uint32_t round = seed; round != seed + rounds && !HasFailure(); ++round) {
+    for (uint32_t round = seed; round != seed + rounds && !testing::Test::HasFailure(); ++round) {
         std::mt19937 random(round);
         const Kind& kind = all[random() % all.size()];
         const auto memory = kind.memory->clone();
@@ -291,15 +273,48 @@ TEST(DamagedVolumes, ARunEndsWithinTheVolumeAndChangesNoContents)
         const auto damaged = memory->clone();
         const uint32_t blockSize = kind.builder.plan().spec.blockSize;
 
+        const uint64_t bufferSize = uint64_t{8 + random() % 200} * blockSize;
+
         const WatchedDefrag run =
-            watchDefrag(*memory, {.bufferSize = uint64_t{8 + random() % 200} * blockSize});
+            watchDefrag(*memory, {.command = command, .bufferSize = bufferSize});
 
         expectNoHarm(*damaged, *memory, run);
-        EXPECT_FALSE(HasFailure()) << "seed " << round << ": " << mutator.story() << run.error();
+        EXPECT_FALSE(testing::Test::HasFailure())
+            << "seed " << round << ": " << mutator.story() << run.error();
         refused += run.opened ? 0 : 1;
         moving += run.output.moves().empty() ? 0 : 1;
     }
     // Neither is all damage met at the door, nor does all of it go unnoticed.
     EXPECT_GT(refused, rounds / 10);
     EXPECT_GT(moving, rounds / 10);
+}
+
+}  // namespace
+
+TEST(DamagedVolumes, EveryKindOfVolumeIsSoundBeforeItIsDamaged)
+{
+    for (const Kind& kind : kinds()) {
+        const Knowledge known(*kind.memory);
+        EXPECT_TRUE(known.result.consistent) << known.result.description();
+
+        for (const char* command : {"DEFRAG", "COMPACT"}) {
+            const auto memory = kind.memory->clone();
+            const WatchedDefrag run =
+                watchDefrag(*memory, {.command = command, .bufferSize = 400 * 1024});
+
+            EXPECT_EQ(run.error(), "");
+            EXPECT_NE(run.output.moves().size(), 0u);
+            expectNoHarm(*kind.memory, *memory, run);
+        }
+    }
+}
+
+TEST(DamagedVolumes, ADefragEndsWithinTheVolumeAndChangesNoContents)
+{
+    tryDamagedVolumes("DEFRAG", testRounds(300));
+}
+
+TEST(DamagedVolumes, ACompactEndsWithinTheVolumeAndChangesNoContents)
+{
+    tryDamagedVolumes("COMPACT", testRounds(150));
 }

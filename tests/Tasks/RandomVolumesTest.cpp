@@ -98,33 +98,21 @@ void forEachCase(uint32_t quickRounds, const TryCase& tryCase)
     }
 }
 
-}  // namespace
-
-TEST(RandomVolumes, AWholeRunLeavesASoundVolumeOfTheSameContents)
+/** Expects what a run without an error has brought about. */
+void expectWorkDone(const std::string& command, const Case& given)
 {
-    uint32_t moving = 0;
-    uint32_t complete = 0;
-    forEachCase(60, [&](Case& given, const Finding& before) {
-        const WatchedDefrag run = watchDefrag(*given.memory, given.options);
-
-        moving += run.output.moves().empty() ? 0 : 1;
-        complete += run.error().empty() ? 1 : 0;
-        EXPECT_TRUE(run.opened) << run.openError;
-        EXPECT_TRUE(run.output.isWhole());
-        EXPECT_FALSE(run.isEndless);
-        EXPECT_TRUE(run.error().empty() || saysTooLittleRoom(run.error())) << run.error();
-        expectSameVolume(before, *given.memory);
-        if (run.error().empty() && !given.volume.hasObstacles()) {
-            EXPECT_LE(Finding(*given.memory).mostExtents(), 1u);
-        }
-    });
-    EXPECT_GT(moving, testRounds(60) / 2);
-    EXPECT_GT(complete, testRounds(60) / 2);
+    const Finding after(*given.memory);
+    if (command == "COMPACT") {
+        EXPECT_EQ(after.gaps, std::vector<HFSPlusCheckedExtent>());
+    } else if (!given.volume.hasObstacles()) {
+        EXPECT_LE(after.mostExtents(), 1u);
+    }
 }
 
-TEST(RandomVolumes, ARunToldToEndLeavesASoundVolumeAndTheNextOneDoesTheRest)
+void tryRunsToldToEnd(const std::string& command, uint32_t rounds)
 {
-    forEachCase(40, [](Case& given, const Finding& before) {
+    forEachCase(rounds, [&](Case& given, const Finding& before) {
+        given.options.command = command;
         given.options.abortAfter = 1 + given.random() % (given.random() % 2 != 0 ? 40 : 600);
         const WatchedDefrag ended = watchDefrag(*given.memory, given.options);
 
@@ -137,16 +125,17 @@ TEST(RandomVolumes, ARunToldToEndLeavesASoundVolumeAndTheNextOneDoesTheRest)
 
         EXPECT_TRUE(next.error().empty() || saysTooLittleRoom(next.error())) << next.error();
         expectSameVolume(before, *given.memory);
-        if (next.error().empty() && !given.volume.hasObstacles()) {
-            EXPECT_LE(Finding(*given.memory).mostExtents(), 1u);
+        if (next.error().empty()) {
+            expectWorkDone(command, given);
         }
     });
 }
 
-TEST(RandomVolumes, AFailingReadLeavesASoundVolumeOfTheSameContents)
+void tryFailingReads(const std::string& command, uint32_t rounds)
 {
     uint32_t failures = 0;
-    forEachCase(40, [&](Case& given, const Finding& before) {
+    forEachCase(rounds, [&](Case& given, const Finding& before) {
+        given.options.command = command;
         const uint64_t ordinal = 1 + given.random() % 150;
         const bool isLasting = given.random() % 2 != 0;
         const bool isShort = given.random() % 4 == 0;
@@ -170,13 +159,14 @@ TEST(RandomVolumes, AFailingReadLeavesASoundVolumeOfTheSameContents)
             expectSameVolume(before, *given.memory);
         }
     });
-    EXPECT_GT(failures, testRounds(40) / 4);
+    EXPECT_GT(failures, testRounds(rounds) / 4);
 }
 
-TEST(RandomVolumes, AFailingWriteOfDataLeavesASoundVolumeOfTheSameContents)
+void tryFailingWrites(const std::string& command, uint32_t rounds)
 {
     uint32_t dataFailures = 0;
-    forEachCase(60, [&](Case& given, const Finding& before) {
+    forEachCase(rounds, [&](Case& given, const Finding& before) {
+        given.options.command = command;
         const uint64_t ordinal = 1 + given.random() % 60;
         const auto operation = given.random() % 4 != 0 ? FaultyBlockDevice::Operation::kWrite
                                                        : FaultyBlockDevice::Operation::kSynchronize;
@@ -196,11 +186,35 @@ TEST(RandomVolumes, AFailingWriteOfDataLeavesASoundVolumeOfTheSameContents)
     EXPECT_GT(dataFailures, 0u);
 }
 
+}  // namespace
+
+TEST(RandomVolumes, AWholeDefragLeavesASoundVolumeOfTheSameContents)
+{
+    uint32_t moving = 0;
+    uint32_t complete = 0;
+    forEachCase(60, [&](Case& given, const Finding& before) {
+        const WatchedDefrag run = watchDefrag(*given.memory, given.options);
+
+        moving += run.output.moves().empty() ? 0 : 1;
+        complete += run.error().empty() ? 1 : 0;
+        EXPECT_TRUE(run.opened) << run.openError;
+        EXPECT_TRUE(run.output.isWhole());
+        EXPECT_FALSE(run.isEndless);
+        EXPECT_TRUE(run.error().empty() || saysTooLittleRoom(run.error())) << run.error();
+        expectSameVolume(before, *given.memory);
+        if (run.error().empty()) {
+            expectWorkDone("DEFRAG", given);
+        }
+    });
+    EXPECT_GT(moving, testRounds(60) / 2);
+    EXPECT_GT(complete, testRounds(60) / 2);
+}
+
 TEST(RandomVolumes, AWholeCompactKeepsContentsAndOrderAndClosesEveryGap)
 {
     uint32_t moving = 0;
     uint32_t complete = 0;
-    forEachCase(120, [&](Case& given, const Finding& before) {
+    forEachCase(60, [&](Case& given, const Finding& before) {
         given.options.command = "COMPACT";
         const WatchedDefrag run = watchDefrag(*given.memory, given.options);
 
@@ -222,6 +236,36 @@ TEST(RandomVolumes, AWholeCompactKeepsContentsAndOrderAndClosesEveryGap)
                       (std::vector<std::string>{"COMPACT,START", "COMPACT,DONE"}));
         }
     });
-    EXPECT_GT(moving, testRounds(120) / 2);
-    EXPECT_GT(complete, testRounds(120) / 2);
+    EXPECT_GT(moving, testRounds(60) / 2);
+    EXPECT_GT(complete, testRounds(60) / 2);
+}
+
+TEST(RandomVolumes, ADefragToldToEndLeavesASoundVolumeAndTheNextOneDoesTheRest)
+{
+    tryRunsToldToEnd("DEFRAG", 40);
+}
+
+TEST(RandomVolumes, ACompactToldToEndLeavesASoundVolumeAndTheNextOneDoesTheRest)
+{
+    tryRunsToldToEnd("COMPACT", 40);
+}
+
+TEST(RandomVolumes, AReadThatFailsUnderDefragLeavesASoundVolumeOfTheSameContents)
+{
+    tryFailingReads("DEFRAG", 40);
+}
+
+TEST(RandomVolumes, AReadThatFailsUnderCompactLeavesASoundVolumeOfTheSameContents)
+{
+    tryFailingReads("COMPACT", 40);
+}
+
+TEST(RandomVolumes, AWriteOfDataThatFailsUnderDefragLeavesASoundVolumeOfTheSameContents)
+{
+    tryFailingWrites("DEFRAG", 60);
+}
+
+TEST(RandomVolumes, AWriteOfDataThatFailsUnderCompactLeavesASoundVolumeOfTheSameContents)
+{
+    tryFailingWrites("COMPACT", 60);
 }
