@@ -201,6 +201,67 @@ TEST(EndingRuns, QuitEndsTheRunAndTheOneThatWaitsForIt)
     expectUnharmed(image.path(), before);
 }
 
+class EndedCompact : public testing::TestWithParam<Ending> {};
+
+TEST_P(EndedCompact, LeavesASoundVolumeThatANewRunFinishes)
+{
+    const RunImage image("long");
+    const VolumeState before = readVolumeState(image.path());
+    ASSERT_FALSE(before.gaps.empty());
+
+    DefragTranscript run;
+    DefragSession session(image.path());
+    session.command("COMPACT");
+    ASSERT_TRUE(session.readToFirstMove(run));
+    GetParam().end(session.process());
+    session.readToEnd(run);
+
+    EXPECT_EQ(session.process().wait(), 0);
+    EXPECT_EQ(run.errors(), std::vector<std::string>());
+    EXPECT_EQ(run.lines.back() == "COMPACT,DONE", GetParam().keepsReader);
+    EXPECT_FALSE(readVolumeStateWithoutHashes(image.path()).gaps.empty());
+    expectUnharmed(image.path(), before);
+    EXPECT_EQ(defragImage(image.path(), "COMPACT").errors(), std::vector<std::string>());
+    const VolumeState after = readVolumeStateWithoutHashes(image.path());
+    EXPECT_EQ(after.gaps, std::vector<HFSPlusCheckedExtent>());
+    expectSoundAsBefore(image.path(), after, before);
+}
+
+INSTANTIATE_TEST_SUITE_P(LongVolume, EndedCompact,
+                         testing::Values(endings()[0], endings()[3]),  // QUIT, nobody reads
+                         [](const auto& instance) { return std::string(instance.param.name); });
+
+TEST(EndingRuns, ACompactAndADefragAtOnceFollowOneAnother)
+{
+    const RunImage image("attrs");
+    const VolumeState before = readVolumeState(image.path());
+
+    DefragTranscript run;
+    DefragSession session(image.path());
+    session.command("DEFRAG\nCOMPACT");
+    session.readToDone(run, 2);
+    session.command("QUIT");
+    session.readToEnd(run);
+
+    EXPECT_EQ(session.process().wait(), 0);
+    EXPECT_EQ(run.errors(), std::vector<std::string>());
+    // Whichever began, its moves are all told before the other's first.
+    std::vector<std::string> movers;
+    for (const std::string& line : run.lines) {
+        const std::string name = line.substr(0, line.find(','));
+        if (line.find(",PROGRESS,") != std::string::npos &&
+            (movers.empty() || movers.back() != name)) {
+            movers.push_back(name);
+        }
+    }
+    EXPECT_LE(movers.size(), 2U);
+    EXPECT_EQ(run.count("DEFRAG,DONE"), 1U);
+    EXPECT_EQ(run.count("COMPACT,DONE"), 1U);
+    EXPECT_EQ(readVolumeStateWithoutHashes(image.path()).fragments,
+              std::vector<HFSPlusCheckedFork>());
+    expectUnharmed(image.path(), before);
+}
+
 TEST(EndingRuns, ASecondProgramFindsTheImageBusyWhileTheFirstRuns)
 {
     const RunImage image("attrs");

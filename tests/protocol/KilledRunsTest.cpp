@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <ostream>
 #include <string>
+#include <utility>
 
 #include "Platform/TemporaryFolder.h"
 #include "protocol/DefragSession.h"
@@ -26,9 +27,10 @@ constexpr uint64_t kMiB = uint64_t{1} << 20;
 /** A moment of a run: so much of the data of a copy list has been transferred. */
 struct Moment {
     const char* name;
-    bool clearing;     // while the front is cleared; otherwise while forks are placed there
+    bool clearing;     // while the front is cleared; otherwise while data are placed there
     bool reading;      // counts bytes read; otherwise bytes written
     uint32_t percent;  // of what the copy list carries
+    const char* command = "DEFRAG";
 };
 
 std::ostream& operator<<(std::ostream& stream, const Moment& moment)
@@ -85,7 +87,7 @@ bool killRunAt(const std::string& path, const Moment& moment)
         return moment.reading ? session.bytesRead() : session.bytesWritten();
     };
     uint64_t base = 0;
-    session.command("DEFRAG");
+    session.command(moment.command);
     if (!moment.clearing) {
         // The first list is on disk, and the program stands still until its lines are read.
         EXPECT_TRUE(session.readToFirstMove(run));
@@ -130,19 +132,21 @@ TEST_P(KilledRun, LeavesEveryByteOfEveryFork)
     EXPECT_EQ(readVolumeState(path).hashes, before.hashes);
 }
 
-INSTANTIATE_TEST_SUITE_P(Program, KilledRun,
-                         testing::Values(Moment{"AtOnce", true, false, 0},
-                                         Moment{"WhileTheFrontIsRead", true, true, 50},
-                                         Moment{"WithTheFirstPieceWritten", true, false, 1},
-                                         Moment{"WithHalfTheFrontCleared", true, false, 50},
-                                         Moment{"WithMostOfTheFrontCleared", true, false, 80},
-                                         Moment{"WithTheFirstPiecePlaced", false, false, 1},
-                                         Moment{"WithHalfTheForksPlaced", false, false, 50},
-                                         Moment{"WithMostOfTheForksPlaced", false, false, 80}),
-                         [](const auto& instance) { return std::string(instance.param.name); });
+INSTANTIATE_TEST_SUITE_P(
+    Program, KilledRun,
+    testing::Values(Moment{"AtOnce", true, false, 0}, Moment{"WhileTheFrontIsRead", true, true, 50},
+                    Moment{"WithTheFirstPieceWritten", true, false, 1},
+                    Moment{"WithHalfTheFrontCleared", true, false, 50},
+                    Moment{"WithMostOfTheFrontCleared", true, false, 80},
+                    Moment{"WithTheFirstPiecePlaced", false, false, 1},
+                    Moment{"WithHalfTheForksPlaced", false, false, 50},
+                    Moment{"WithMostOfTheForksPlaced", false, false, 80},
+                    Moment{"WithHalfTheFrontClearedToCompact", true, false, 50, "COMPACT"},
+                    Moment{"WithTheFirstDataSlid", false, false, 1, "COMPACT"}),
+    [](const auto& instance) { return std::string(instance.param.name); });
 
 /** Runs whose output nobody reads any further stand still behind a copy list's flush. */
-class KilledBehindALine : public testing::TestWithParam<size_t> {};
+class KilledBehindALine : public testing::TestWithParam<std::pair<const char*, size_t>> {};
 
 TEST_P(KilledBehindALine, LeavesASoundVolumeWithEveryByte)
 {
@@ -153,8 +157,9 @@ TEST_P(KilledBehindALine, LeavesASoundVolumeWithEveryByte)
 
     DefragTranscript run;
     DefragSession session(path);
-    session.command("DEFRAG");
-    while (run.moves().size() < GetParam()) {
+    const auto [command, moves] = GetParam();
+    session.command(command);
+    while (run.moves().size() < moves) {
         ASSERT_TRUE(session.readToFirstMove(run));
     }
     session.process().sendSignal(SIGKILL);
@@ -166,7 +171,12 @@ TEST_P(KilledBehindALine, LeavesASoundVolumeWithEveryByte)
     EXPECT_EQ(after.hashes, before.hashes);
 }
 
-INSTANTIATE_TEST_SUITE_P(Program, KilledBehindALine, testing::Values(1, 100, 520, 620),
-                         testing::PrintToStringParamName());
+INSTANTIATE_TEST_SUITE_P(Program, KilledBehindALine,
+                         testing::Values(std::pair("DEFRAG", 1), std::pair("DEFRAG", 100),
+                                         std::pair("DEFRAG", 520), std::pair("DEFRAG", 620),
+                                         std::pair("COMPACT", 620)),
+                         [](const auto& instance) {
+                             return instance.param.first + std::to_string(instance.param.second);
+                         });
 
 }  // namespace
