@@ -1,11 +1,15 @@
 #include "HFSPlus/HFSPlusBTreeBulkIterator.h"
 
 #include <algorithm>
+#include <memory>
 #include <new>
+#include <tuple>
+#include <utility>
 
 namespace {
 
 constexpr uint32_t kBytesPerRead = 1024 * 1024;
+constexpr size_t kAlignment = 4096;  // what direct transfers ask for at most
 constexpr uint32_t kNodesPerMapByte = 8;
 constexpr uint32_t kHeaderMapRecord = 2;
 constexpr uint32_t kMapNodeMapRecord = 0;
@@ -40,13 +44,25 @@ HFSPlusBTreeBulkIterator::HFSPlusBTreeBulkIterator(HFSPlusBTreeFile& btree)
 
 bool HFSPlusBTreeBulkIterator::_allocate(VZDefragErrorSlot error)
 {
-    _bufferData.reset(new (std::nothrow) uint8_t[_bufferSize]);
+    _buffer = _makeBuffer();
     // Where the chain of map nodes ends early, the nodes it does not cover count as free.
     _mapData.reset(new (std::nothrow) uint8_t[_mapSize]());
-    if (_bufferData == nullptr || _mapData == nullptr) {
+    if (_buffer.data == nullptr || _mapData == nullptr) {
         return VZDefragFail(error, "Out of memory.");
     }
     return true;
+}
+
+HFSPlusBTreeBulkIterator::Buffer HFSPlusBTreeBulkIterator::_makeBuffer() const
+{
+    size_t space = _bufferSize + kAlignment;
+    Buffer buffer;
+    buffer.memory.reset(new (std::nothrow) uint8_t[space]);
+    void* data = buffer.memory.get();
+    if (data != nullptr) {
+        buffer.data = static_cast<uint8_t*>(std::align(kAlignment, _bufferSize, data, space));
+    }
+    return buffer;
 }
 
 bool HFSPlusBTreeBulkIterator::_copyMap(VZDefragErrorSlot error)
@@ -82,15 +98,23 @@ bool HFSPlusBTreeBulkIterator::_isNodeInUse(uint32_t index) const
     return (_mapData[index / kNodesPerMapByte] & mask) != 0;
 }
 
-void HFSPlusBTreeBulkIterator::_skipFreeNodes()
+/** The first node in use from @p index on; the node count when there is none. */
+uint32_t HFSPlusBTreeBulkIterator::_nodeInUseFrom(uint32_t index) const
 {
     const uint32_t nodeCount = _btree.nodeCount();
-    while (_nextNodeIndex < nodeCount && !_isNodeInUse(_nextNodeIndex)) {
-        const bool isByteStart = _nextNodeIndex % kNodesPerMapByte == 0;
-        const bool isByteClear = _mapData[_nextNodeIndex / kNodesPerMapByte] == 0;
+    while (index < nodeCount && !_isNodeInUse(index)) {
+        const bool isByteStart = index % kNodesPerMapByte == 0;
+        const bool isByteClear = _mapData[index / kNodesPerMapByte] == 0;
         const uint32_t step = isByteStart && isByteClear ? kNodesPerMapByte : 1;
-        _nextNodeIndex += std::min(step, nodeCount - _nextNodeIndex);
+        index += std::min(step, nodeCount - index);
     }
+    return index;
+}
+
+/** How many nodes a buffer holds that begins with node @p index. */
+uint32_t HFSPlusBTreeBulkIterator::_countFrom(uint32_t index) const
+{
+    return std::min(_nodesPerBuffer, _btree.nodeCount() - index);
 }
 
 size_t HFSPlusBTreeBulkIterator::_bufferOffset(uint32_t index) const
@@ -100,22 +124,21 @@ size_t HFSPlusBTreeBulkIterator::_bufferOffset(uint32_t index) const
 
 std::span<const uint8_t> HFSPlusBTreeBulkIterator::_nodeBytes(uint32_t index) const
 {
-    return {_bufferData.get() + _bufferOffset(index), _btree.nodeSize()};
+    return {_buffer.data + _bufferOffset(index), _btree.nodeSize()};
 }
 
 /** Reads from _nextNodeIndex on and leaves the nodes in use in the tree's cache. */
 bool HFSPlusBTreeBulkIterator::_fillBuffer(VZDefragErrorSlot error)
 {
-    const uint32_t nodeSize = _btree.nodeSize();
-    const uint32_t count = std::min(_nodesPerBuffer, _btree.nodeCount() - _nextNodeIndex);
+    const uint32_t count = _countFrom(_nextNodeIndex);
     _bufferValid = false;
-    if (!_btree.read(_bufferData.get(), uint64_t{count} * nodeSize,
-                     uint64_t{_nextNodeIndex} * nodeSize, error)) {
+    if (!_readBuffer(count, error)) {
         return false;
     }
     _bufferBaseIndex = _nextNodeIndex;
     _bufferValid = true;
     _refreshBuffer(count);
+    _readAhead();
     for (uint32_t index = _bufferBaseIndex; index - _bufferBaseIndex < count; ++index) {
         // Given back at once: only its place in the cache is wanted.
         if (_isNodeInUse(index) && !_btree.cachedNodeWithIndex(index, _nodeBytes(index), error)) {
@@ -123,6 +146,62 @@ bool HFSPlusBTreeBulkIterator::_fillBuffer(VZDefragErrorSlot error)
         }
     }
     return true;
+}
+
+bool HFSPlusBTreeBulkIterator::_readBuffer(uint32_t count, VZDefragErrorSlot error)
+{
+    const bool isUnderWay = _aheadValid && _aheadBaseIndex == _nextNodeIndex;
+    if (_aheadValid) {
+        _aheadValid = false;
+        if (!_queue->finish(isUnderWay ? error : nullptr) && isUnderWay) {
+            return false;
+        }
+    }
+    if (isUnderWay) {
+        std::swap(_buffer, _aheadBuffer);
+        return true;
+    }
+    const uint64_t nodeSize = _btree.nodeSize();
+    return _btree.read(_buffer.data, count * nodeSize, _nextNodeIndex * nodeSize, error);
+}
+
+/** Begins to read what comes after the buffer, where nothing can go wrong with that. */
+void HFSPlusBTreeBulkIterator::_readAhead()
+{
+    const uint32_t base = _nodeInUseFrom(_bufferBaseIndex + _countFrom(_bufferBaseIndex));
+    const uint32_t count = _countFrom(base);
+    // A changed node may be evicted during the read, which would then miss what was changed.
+    if (count == 0 || _holdsChanges(base, count)) {
+        return;
+    }
+    if (_aheadBuffer.data == nullptr) {
+        _aheadBuffer = _makeBuffer();
+        if (_aheadBuffer.data == nullptr) {
+            return;
+        }
+    }
+    if (_queue == nullptr) {
+        _queue = _btree.makeTransferQueue();
+    }
+    const uint64_t nodeSize = _btree.nodeSize();
+    _aheadBaseIndex = base;
+    _aheadValid = _btree.beginRead(*_queue, _aheadBuffer.data, count * nodeSize, base * nodeSize);
+    if (!_aheadValid) {
+        // Reading it when its turn has come tells what is wrong.
+        std::ignore = _queue->finish(nullptr);
+    }
+}
+
+/** Whether the cache holds one of these nodes as the disk does not. */
+bool HFSPlusBTreeBulkIterator::_holdsChanges(uint32_t index, uint32_t count) const
+{
+    for (uint32_t offset = 0; offset < count; ++offset) {
+        const HFSPlusBTreeNode* const node = _btree.nodeInCache(index + offset);
+        if (node != nullptr && node->dirty()) {
+            return true;
+        }
+    }
+    return false;
 }
 
 /** Puts what the cache holds over what the disk held.
@@ -135,7 +214,7 @@ void HFSPlusBTreeBulkIterator::_refreshBuffer(uint32_t count)
     for (uint32_t index = _bufferBaseIndex; index - _bufferBaseIndex < count; ++index) {
         const HFSPlusBTreeNode* const node = _btree.nodeInCache(index);
         if (node != nullptr && node->dirty()) {
-            std::ranges::copy(node->bytes(), _bufferData.get() + _bufferOffset(index));
+            std::ranges::copy(node->bytes(), _buffer.data + _bufferOffset(index));
         }
     }
 }
@@ -143,7 +222,7 @@ void HFSPlusBTreeBulkIterator::_refreshBuffer(uint32_t count)
 bool HFSPlusBTreeBulkIterator::nextCachedNode(HFSPlusCachedNode& node, VZDefragErrorSlot error)
 {
     node = HFSPlusCachedNode();
-    _skipFreeNodes();
+    _nextNodeIndex = _nodeInUseFrom(_nextNodeIndex);
     if (_nextNodeIndex >= _btree.nodeCount()) {
         return true;
     }

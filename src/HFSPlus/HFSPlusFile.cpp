@@ -8,6 +8,7 @@
 
 #include "HFSPlus/HFSPlusVolume.h"
 #include "KLKit/KLDebug.h"
+#include "VZDefragTransferQueue.h"
 
 namespace {
 
@@ -34,6 +35,12 @@ bool HFSPlusFile::_isInRange(uint64_t nbyte, uint64_t offset) const
     return offset < logicalSize() && nbyte <= logicalSize() - offset;
 }
 
+bool HFSPlusFile::_isWholeBlocks(uint64_t nbyte, uint64_t offset) const
+{
+    const uint64_t blockSize = _volume.hostVolumeHeader().blockSize;
+    return offset % blockSize == 0 && nbyte % blockSize == 0;
+}
+
 bool HFSPlusFile::read(void* buffer, uint64_t nbyte, uint64_t offset, VZDefragErrorSlot error)
 {
     if (!_isInRange(nbyte, offset)) {
@@ -43,14 +50,38 @@ bool HFSPlusFile::read(void* buffer, uint64_t nbyte, uint64_t offset, VZDefragEr
                             _fileID, offset, nbyte);
     }
     auto* destination = static_cast<uint8_t*>(buffer);
-    const uint64_t blockSize = _volume.hostVolumeHeader().blockSize;
-    return offset % blockSize == 0 && nbyte % blockSize == 0
+    return _isWholeBlocks(nbyte, offset)
                ? _readBlocks(destination, nbyte, offset, error)
                : _readThroughBounceBuffer(destination, nbyte, offset, error);
 }
 
+std::unique_ptr<VZDefragTransferQueue> HFSPlusFile::makeTransferQueue() const
+{
+    return std::make_unique<VZDefragTransferQueue>(_volume);
+}
+
+bool HFSPlusFile::beginRead(VZDefragTransferQueue& queue, uint8_t* buffer, uint64_t nbyte,
+                            uint64_t offset)
+{
+    const auto beginRun = [&queue](uint8_t* destination, uint64_t size, uint64_t volumeOffset) {
+        queue.read(destination, size, volumeOffset);
+        return true;
+    };
+    return _isInRange(nbyte, offset) && _isWholeBlocks(nbyte, offset) &&
+           _readRuns(buffer, nbyte, offset, beginRun, nullptr);
+}
+
 bool HFSPlusFile::_readBlocks(uint8_t* buffer, uint64_t nbyte, uint64_t offset,
                               VZDefragErrorSlot error)
+{
+    const auto readRun = [this, error](uint8_t* destination, uint64_t size, uint64_t volumeOffset) {
+        return _volume.read(destination, size, volumeOffset, error);
+    };
+    return _readRuns(buffer, nbyte, offset, readRun, error);
+}
+
+bool HFSPlusFile::_readRuns(uint8_t* buffer, uint64_t nbyte, uint64_t offset,
+                            const RunReader& readRun, VZDefragErrorSlot error)
 {
     const uint64_t blockSize = _volume.hostVolumeHeader().blockSize;
     bool wasFinalPiece = false;
@@ -69,7 +100,7 @@ bool HFSPlusFile::_readBlocks(uint8_t* buffer, uint64_t nbyte, uint64_t offset,
             wasFinalPiece = true;
         }
         const uint64_t piece = std::min(contiguous, nbyte);
-        if (!_volume.read(buffer, piece, volumeOffset, error)) {
+        if (!readRun(buffer, piece, volumeOffset)) {
             return false;
         }
         buffer += piece;

@@ -1,12 +1,15 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <tuple>
 
 #include "HFSPlus/HFSPlusFormat.h"
 #include "VZDefragError.h"
 
 class HFSPlusVolume;
+class VZDefragTransferQueue;
 
 /** Byte-addressed access to the data fork of a special file, or of a file whose fork data the
  *  volume caches for as long as this object lives.
@@ -29,6 +32,15 @@ public:
     [[nodiscard]] virtual uint64_t translateOffset(uint64_t& offset, VZDefragErrorSlot error);
     /** Reads whole allocation blocks, through a buffer where the request is no such. */
     [[nodiscard]] bool read(void* buffer, uint64_t nbyte, uint64_t offset, VZDefragErrorSlot error);
+    /** A queue for beginRead(). */
+    [[nodiscard]] std::unique_ptr<VZDefragTransferQueue> makeTransferQueue() const;
+    /** Begins to read whole allocation blocks on @p queue.
+     *
+     *  False when the request is out of range, no whole blocks or cannot be found on the volume;
+     *  parts of it may then be under way all the same.
+     */
+    [[nodiscard]] bool beginRead(VZDefragTransferQueue& queue, uint8_t* buffer, uint64_t nbyte,
+                                 uint64_t offset);
     /** Writes as asked for, whatever the alignment. Once one has failed on its way to the device,
      *  the volume takes no further writes. */
     [[nodiscard]] bool write(const void* buffer, uint64_t nbyte, uint64_t offset,
@@ -44,7 +56,14 @@ protected:
     const HFSPlusHostForkData* _hostForkData;  // the volume's own, never null
 
 private:
+    /** Takes a contiguous run of the volume: where its bytes belong in memory, how many they are
+     *  and their offset on the volume. */
+    using RunReader = std::function<bool(uint8_t* buffer, uint64_t nbyte, uint64_t volumeOffset)>;
+
     [[nodiscard]] bool _isInRange(uint64_t nbyte, uint64_t offset) const;
+    [[nodiscard]] bool _isWholeBlocks(uint64_t nbyte, uint64_t offset) const;
+    [[nodiscard]] bool _readRuns(uint8_t* buffer, uint64_t nbyte, uint64_t offset,
+                                 const RunReader& readRun, VZDefragErrorSlot error);
     [[nodiscard]] bool _readBlocks(uint8_t* buffer, uint64_t nbyte, uint64_t offset,
                                    VZDefragErrorSlot error);
     [[nodiscard]] bool _readThroughBounceBuffer(uint8_t* buffer, uint64_t nbyte, uint64_t offset,

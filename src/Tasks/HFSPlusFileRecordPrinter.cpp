@@ -107,9 +107,10 @@ void HFSPlusFileRecordPrinter::_appendDate(uint32_t date)
         seconds = static_cast<int32_t>(seconds);
     }
     _appendSeparator();
-    char* const begin = _line.data() + _length;
-    char* const end = std::to_chars(begin, _line.data() + _line.size(), seconds).ptr;
-    _length += static_cast<size_t>(end - begin);
+    if (seconds < 0) {
+        _line[_length++] = '-';
+    }
+    _appendNumber(static_cast<uint32_t>(seconds < 0 ? -seconds : seconds));
 }
 
 /** A four-character code as eight hexadecimal digits. */

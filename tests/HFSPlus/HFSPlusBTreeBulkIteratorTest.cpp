@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <chrono>
+#include <thread>
 
 #include "HFSPlus/HFSPlusExtents.h"
 #include "HFSPlusCatalogTesting.h"
@@ -257,6 +259,105 @@ TEST(HFSPlusBTreeBulkIterator, AFailedReadIsReportedAndTheNextStepReadsAgain)
     EXPECT_FALSE(node);
 
     EXPECT_EQ(nodesOf(*iterator), nodesInUse(volume->catalog()));
+}
+
+/** Waits until the device has seen @p count reads; false when it does not in ten seconds. */
+bool awaitReads(const HFSPlusOpenedVolume& volume, uint64_t count)
+{
+    for (int wait = 0; wait < 10000 && volume.memory().readCount() < count; ++wait) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return volume.memory().readCount() >= count;
+}
+
+TEST(HFSPlusBTreeBulkIterator, ReadsTheNextMegabyteWhileTheNodesBeforeItAreHandedOut)
+{
+    HFSPlusOpenedVolume volume(sparseTree());
+    ASSERT_TRUE(volume) << volume.error();
+    const auto iterator = HFSPlusBTreeBulkIterator::initWithBTree(volume->catalog(), nullptr);
+    volume.memory().clearOperations();
+    HFSPlusCachedNode node;
+
+    ASSERT_TRUE(iterator->nextCachedNode(node, nullptr));
+
+    EXPECT_TRUE(awaitReads(volume, 2));
+    EXPECT_EQ(node->index(), 0U);
+}
+
+TEST(HFSPlusBTreeBulkIterator, ANodeThatWasChangedBeforeItIsDueIsNotReadAhead)
+{
+    HFSPlusOpenedVolume volume(sparseTree());
+    ASSERT_TRUE(volume) << volume.error();
+    HFSPlusCatalog& tree = volume->catalog();
+    const uint32_t changed = nodesInUse(tree).back();
+    ASSERT_GE(changed, 512U);
+    tree.cachedNodeWithIndex(changed, {}, nullptr)->setBLink(0x12345678);
+    const auto iterator = HFSPlusBTreeBulkIterator::initWithBTree(tree, nullptr);
+    HFSPlusCachedNode node;
+    while (iterator->nextCachedNode(node, nullptr) && node && node->index() < 256) {
+    }
+    // Time for a read of the last nodes, before the changed one leaves the cache for the disk.
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    tree.setNodeCacheSize(tree.nodeSize());
+    std::ignore = tree.cachedNodeWithIndex(0, {}, nullptr);
+    ASSERT_EQ(tree.nodeInCache(changed), nullptr);
+
+    while (iterator->nextCachedNode(node, nullptr) && node && node->index() != changed) {
+    }
+
+    ASSERT_TRUE(node);
+    EXPECT_EQ(node->bLink(), 0x12345678U);
+}
+
+TEST(HFSPlusBTreeBulkIterator, AFailureOfReadingAheadIsReportedWhenItsNodesAreDue)
+{
+    HFSPlusOpenedVolume volume(sparseTree());
+    ASSERT_TRUE(volume) << volume.error();
+    const auto iterator = HFSPlusBTreeBulkIterator::initWithBTree(volume->catalog(), nullptr);
+    volume.faults().fail(FaultyBlockDevice::Operation::kRead, 2, EIO);
+    std::vector<uint32_t> nodes;
+    HFSPlusCachedNode node;
+    std::unique_ptr<VZDefragError> error;
+    while (iterator->nextCachedNode(node, &error)) {
+        nodes.push_back(node->index());
+    }
+
+    EXPECT_NE(error, nullptr);
+    EXPECT_FALSE(node);
+    ASSERT_FALSE(nodes.empty());
+    EXPECT_LT(nodes.back(), 256U);
+
+    const std::vector<uint32_t> others = nodesOf(*iterator);
+    nodes.insert(nodes.end(), others.begin(), others.end());
+    EXPECT_EQ(nodes, nodesInUse(volume->catalog()));
+}
+
+TEST(HFSPlusBTreeBulkIterator, WithoutMemoryNothingIsReadAhead)
+{
+    HFSPlusOpenedVolume volume(sparseTree());
+    ASSERT_TRUE(volume) << volume.error();
+    const auto iterator = HFSPlusBTreeBulkIterator::initWithBTree(volume->catalog(), nullptr);
+    // All that is left of the cache's nodes fits the grant, but no buffer does.
+    std::ignore = nodesOf(*HFSPlusBTreeBulkIterator::initWithBTree(volume->catalog(), nullptr));
+    volume.memory().clearOperations();
+    NothrowAllocations allocations;
+    allocations.failAfter(0);
+    HFSPlusCachedNode node;
+
+    ASSERT_TRUE(iterator->nextCachedNode(node, nullptr));
+    EXPECT_EQ(volume.memory().readCount(), 1U);
+    EXPECT_EQ(nodesOf(*iterator).size() + 1, nodesInUse(volume->catalog()).size());
+}
+
+TEST(HFSPlusBTreeBulkIterator, MayGoWhileItReadsAhead)
+{
+    HFSPlusOpenedVolume volume(sparseTree());
+    ASSERT_TRUE(volume) << volume.error();
+    for (int round = 0; round < 20; ++round) {
+        const auto iterator = HFSPlusBTreeBulkIterator::initWithBTree(volume->catalog(), nullptr);
+        HFSPlusCachedNode node;
+        EXPECT_TRUE(iterator->nextCachedNode(node, nullptr));
+    }
 }
 
 }  // namespace
