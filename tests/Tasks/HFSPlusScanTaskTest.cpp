@@ -11,6 +11,7 @@
 #include "HFSPlus/HFSPlusFormatConversion.h"
 #include "Tasks/ReportRun.h"
 #include "VZDefragOutput.h"
+#include "base/StandardOutputCapture.h"
 
 namespace {
 
@@ -519,6 +520,7 @@ TEST(HFSPlusScanTask, ALineOfManyPiecesIsNotSplitByTheLinesOfAnotherThread)
     builder.file("/name", 20).data(pieces(50000, kPieces));
     const HFSPlusOpenedVolume volume(builder);
     ASSERT_TRUE(volume) << volume.error();
+    const StandardOutputCapture rest;  // what the other thread prints behind the command
     std::atomic<bool> ended = false;
     std::thread other([&] {
         while (!ended) {
