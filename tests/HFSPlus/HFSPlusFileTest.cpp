@@ -7,6 +7,7 @@
 #include <numeric>
 #include <vector>
 
+#include "VZDefragTransferQueue.h"
 #include "support/HFSPlusOpenedVolume.h"
 #include "support/HFSPlusVolumeBuilderContents.h"
 #include "support/NothrowAllocations.h"
@@ -284,4 +285,31 @@ TEST_F(HFSPlusFileTest, WriteThatFailedOnItsWayEndsAllWriting)
 TEST_F(HFSPlusFileTest, OpeningAFileThatTheVolumeDoesNotKnowAborts)
 {
     EXPECT_DEATH(HFSPlusFile(*opened, 22), "file ID 22 has no fork data in the volume");
+}
+
+TEST_F(HFSPlusFileTest, AReadThatIsBegunTakesTheBlocksOfEachRunToTheirPlaces)
+{
+    HFSPlusFile file(*opened, kMovie);
+    std::vector<uint8_t> bytes(7 * kBlockSize);
+
+    const std::unique_ptr<VZDefragTransferQueue> queue = file.makeTransferQueue();
+    ASSERT_TRUE(file.beginRead(*queue, bytes.data(), bytes.size(), kBlockSize));
+    ASSERT_TRUE(queue->finish(&error));
+
+    EXPECT_EQ(bytes, contents(1, 7));
+}
+
+TEST_F(HFSPlusFileTest, OnlyReadsOfWholeBlocksInsideTheFileCanBeBegun)
+{
+    HFSPlusFile file(*opened, kMovie);
+    std::vector<uint8_t> bytes(9 * kBlockSize);
+    const std::unique_ptr<VZDefragTransferQueue> queue = file.makeTransferQueue();
+
+    EXPECT_FALSE(file.beginRead(*queue, bytes.data(), kBlockSize, 100));
+    EXPECT_FALSE(file.beginRead(*queue, bytes.data(), 100, 0));
+    EXPECT_FALSE(file.beginRead(*queue, bytes.data(), kBlockSize, 9 * kBlockSize));
+    EXPECT_FALSE(file.beginRead(*queue, bytes.data(), 9 * kBlockSize, 0));
+
+    EXPECT_TRUE(queue->finish(&error));
+    EXPECT_TRUE(opened.operations().empty());
 }
