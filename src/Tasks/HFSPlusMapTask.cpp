@@ -27,7 +27,7 @@ bool isCNIDOption(std::string_view word)
 bool parseCNID(std::string_view word, uint32_t& cnid)
 {
     word.remove_prefix(std::min(word.find_first_not_of(" \t\n\v\f\r"), word.size()));
-    if (word.starts_with('+') && !word.starts_with("+-")) {
+    if (word.starts_with('+')) {
         word.remove_prefix(1);
     }
     int64_t number = 0;
