@@ -199,6 +199,15 @@ TEST(HFSPlusScanTask, FragOnlyListsFilesWithAForkInMoreThanOneExtent)
               (std::multiset<std::string>{"Arial", "resource"}));
 }
 
+TEST(HFSPlusScanTask, FragOnlyLeavesOutAFileWithoutBlocksWhateverItsExtentsSay)
+{
+    HFSPlusVolumeBuilder builder = smallVolume();
+    builder.file("/empty", 20).data({{2000, 5}});
+    builder.damage(damagedCatalogRecord(20, "dataFork.totalBlocks", 0));
+
+    EXPECT_EQ(scanned(builder, "--frag-only"), Lines());
+}
+
 TEST(HFSPlusScanTask, FilesThatFragOnlyLeavesOutDoNotAdvanceTheProgressWhichStillEndsAt100)
 {
     ImmediateServices services;
