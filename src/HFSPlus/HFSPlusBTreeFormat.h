@@ -69,3 +69,14 @@ struct HFSPlusAttrKeyHead {
     HFSPlusDiskOrder::UInt16 attrNameLength;  // UTF-16 units
 };
 static_assert(sizeof(HFSPlusAttrKeyHead) == 14);
+
+/** Key of a leaf record of the hot-files B-tree. */
+struct HFSPlusHotFileKey {
+    HFSPlusDiskOrder::UInt16 keyLength;
+    uint8_t forkType;
+    uint8_t pad;
+    HFSPlusDiskOrder::UInt32 temperature;
+    HFSPlusDiskOrder::UInt32 fileID;
+};
+static_assert(sizeof(HFSPlusHotFileKey) == 12);
+inline constexpr uint32_t kHFSPlusHotFileLookupTemperature = 0xFFFFFFFF;  // leads to another key

@@ -240,10 +240,32 @@ bool HFSPlusCatalog::copyRecordForCNID(HFSPlusCatalogLookupRecord& record, uint3
 bool HFSPlusCatalog::copyRecordForPath(HFSPlusCatalogLookupRecord& record, std::string_view path,
                                        VZDefragErrorSlot error)
 {
+    bool complete = false;
+    return _walkPath(record, path, complete, error);
+}
+
+bool HFSPlusCatalog::copyRecordForWholePath(HFSPlusCatalogLookupRecord& record,
+                                            std::string_view path, VZDefragErrorSlot error)
+{
+    bool complete = false;
+    const bool walked = _walkPath(record, path, complete, error);
+    if (!walked || !complete) {
+        record.recordType = 0;
+    }
+    return walked;
+}
+
+/** Follows @p path as far as it exists; @p complete when that is all of it, through folders. */
+bool HFSPlusCatalog::_walkPath(HFSPlusCatalogLookupRecord& record, std::string_view path,
+                               bool& complete, VZDefragErrorSlot error)
+{
     record.recordType = 0;
+    complete = false;
     uint32_t parentID = kHFSRootFolderID;
+    bool throughFolders = true;
     std::string_view component;
     while (HFSPlusTakePathComponent(path, component)) {
+        throughFolders = throughFolders && !record.isFile();
         std::u16string name;
         uint16_t type = 0;
         if (!HFSPlusCatalogName(component, name, error) ||
@@ -266,6 +288,7 @@ bool HFSPlusCatalog::copyRecordForPath(HFSPlusCatalogLookupRecord& record, std::
         }
         parentID = record.cnid();
     }
+    complete = throughFolders;
     return true;
 }
 

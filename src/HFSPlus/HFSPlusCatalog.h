@@ -60,6 +60,9 @@ public:
      */
     [[nodiscard]] bool copyRecordForPath(HFSPlusCatalogLookupRecord& record, std::string_view path,
                                          VZDefragErrorSlot error);
+    /** The same, but leaves record type 0 unless all of it exists, the parents being folders. */
+    [[nodiscard]] bool copyRecordForWholePath(HFSPlusCatalogLookupRecord& record,
+                                              std::string_view path, VZDefragErrorSlot error);
     /** The path of @p cnid, UTF-8, "/" in names shown as ":"; special files have fixed names.
      *
      *  Empty for the root folder and the IDs below it, and for an ID that cannot be followed up to
@@ -102,6 +105,8 @@ private:
     [[nodiscard]] bool _copyRecordForKey(HFSPlusCatalogLookupRecord& record,
                                          const HFSPlusCatalogKey& key, uint16_t& type,
                                          VZDefragErrorSlot error);
+    [[nodiscard]] bool _walkPath(HFSPlusCatalogLookupRecord& record, std::string_view path,
+                                 bool& complete, VZDefragErrorSlot error);
     [[nodiscard]] bool _walkFolder(uint32_t folderID, HFSPlusCatalogFolderDelegate& delegate,
                                    VZDefragErrorSlot error);
     [[nodiscard]] bool _walkFolderInNode(uint32_t folderID, const Position& position,

@@ -16,6 +16,9 @@ struct HFSPlusCatalogKeyHead {
 };
 static_assert(sizeof(HFSPlusCatalogKeyHead) == 8);
 
+/** The lowest ID of an object that is not the format's own. */
+inline constexpr uint32_t kHFSFirstUserCatalogNodeID = 16;
+
 enum : uint16_t {
     kHFSPlusFolderRecord = 1,
     kHFSPlusFileRecord = 2,

@@ -14,6 +14,7 @@
 #include "HFSPlus/HFSPlusExtents.h"
 #include "HFSPlus/HFSPlusFileForkSet.h"
 #include "HFSPlus/HFSPlusFormatConversion.h"
+#include "HFSPlus/HFSPlusHotFiles.h"
 #include "KLKit/KLDebug.h"
 
 namespace {
@@ -24,6 +25,12 @@ constexpr std::string_view kWriteFailure = "Write failure.";
 constexpr std::string_view kOffsetOutOfRange = "Offset %1$llu is out of range for file ID %2$lu.";
 
 }  // namespace
+
+/** Fork data of an ordinary file, and how many users rely on it. */
+struct HFSPlusVolume::CachedForkData {
+    HFSPlusHostForkData forkData = {};
+    uint32_t useCount = 0;
+};
 
 HFSPlusVolume::HFSPlusVolume(const VZDefragVolume& volume,
                              std::unique_ptr<PlatformBlockDevice> device)
@@ -76,23 +83,31 @@ HFSPlusHostForkData* HFSPlusVolume::hostForkData(uint32_t fileID)
             break;
     }
     const auto found = _hostForkDataCache.find(fileID);
-    return found != _hostForkDataCache.end() ? found->second.get() : nullptr;
+    return found != _hostForkDataCache.end() ? &found->second->forkData : nullptr;
 }
 
 void HFSPlusVolume::cacheHostForkData(const HFSPlusHostForkData& forkData, uint32_t fileID)
 {
     // An entry is overwritten in place: files that read through it keep their reference.
-    std::unique_ptr<HFSPlusHostForkData>& entry = _hostForkDataCache[fileID];
+    std::unique_ptr<CachedForkData>& entry = _hostForkDataCache[fileID];
     if (entry == nullptr) {
-        entry = std::make_unique<HFSPlusHostForkData>(forkData);
-    } else {
-        *entry = forkData;
+        entry = std::make_unique<CachedForkData>();
     }
+    entry->forkData = forkData;
+    ++entry->useCount;
 }
 
 void HFSPlusVolume::uncacheHostForkData(uint32_t fileID)
 {
-    _hostForkDataCache.erase(fileID);
+    const auto found = _hostForkDataCache.find(fileID);
+    if (found == _hostForkDataCache.end()) {
+        return;
+    }
+    CachedForkData& entry = *found->second;
+    --entry.useCount;
+    if (entry.useCount == 0) {
+        _hostForkDataCache.erase(found);
+    }
 }
 
 bool HFSPlusVolume::updateForkExtents(const HFSPlusHostExtentRecord& extents, uint32_t fileID,
@@ -126,10 +141,6 @@ uint32_t HFSPlusVolume::firstDataBlock() const
 std::unique_ptr<HFSPlusFileForkSet> HFSPlusVolume::immutableForkIDs(bool includeHotFiles,
                                                                     VZDefragErrorSlot error)
 {
-    if (includeHotFiles) {
-        std::ignore = VZDefragFail(error, "Hot files are not available in this version.");
-        return nullptr;
-    }
     auto forks = std::make_unique<HFSPlusFileForkSet>(*this);
     for (const std::string_view path : {"/.journal_info_block", "/.journal"}) {
         HFSPlusCatalogLookupRecord record;
@@ -137,6 +148,13 @@ std::unique_ptr<HFSPlusFileForkSet> HFSPlusVolume::immutableForkIDs(bool include
         // worth ending the command for: the map fences the journal off by its place as well.
         if (catalog().copyRecordForPath(record, path, nullptr) && record.isFile()) {
             forks->add(record.cnid(), kHFSDataForkType);
+        }
+    }
+    if (includeHotFiles) {
+        // Without a hot-files tree, or with one that cannot be opened, nothing is hot.
+        const auto hotFiles = HFSPlusHotFiles::initWithVolume(*this, nullptr);
+        if (hotFiles != nullptr && !hotFiles->mergeFileIDs(*forks, error)) {
+            return nullptr;
         }
     }
     return forks;

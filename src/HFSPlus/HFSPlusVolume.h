@@ -25,8 +25,7 @@ class HFSPlusFileForkSet;
  */
 class HFSPlusVolume : public VZDefragVolume {
 public:
-    /** Says in @p valid whether @p volume holds a supported volume; false only when a read fails.
-     */
+    /** Says in @p valid whether @p volume holds a supported volume; false when a read fails. */
     [[nodiscard]] static bool probe(VZDefragVolume& volume, bool& valid, VZDefragErrorSlot error);
     [[nodiscard]] static std::unique_ptr<HFSPlusVolume> initWithVolume(
         const VZDefragVolume& volume, VZDefragErrorSlot error = nullptr);
@@ -55,8 +54,8 @@ public:
     [[nodiscard]] bool isSpecialFile(uint32_t fileID) const;
     /** Live fork data of a special or cached file, or null. */
     [[nodiscard]] HFSPlusHostForkData* hostForkData(uint32_t fileID);
-    /** Keeps a copy of an ordinary file's fork data, for files opened by ID, until it is uncached.
-     */
+    /** Keeps a copy of an ordinary file's fork data for files opened by ID, in one place until it
+     *  has been uncached as often as it was cached (HFSPlusCachedForkData). */
     void cacheHostForkData(const HFSPlusHostForkData& forkData, uint32_t fileID);
     void uncacheHostForkData(uint32_t fileID);
     /** Replaces the eight extents that the header holds of a special file. */
@@ -106,6 +105,7 @@ public:
                                         VZDefragErrorSlot error);
 
 private:
+    struct CachedForkData;
     struct MetadataZone {
         uint32_t startBlock = 0;
         uint32_t blockCount = 0;  // 0: no zone
@@ -144,7 +144,7 @@ private:
     std::unique_ptr<HFSPlusAttributes> _attributes;  // null without an attributes file
     std::unique_ptr<HFSPlusCatalog> _catalog;
     MetadataZone _metadata;
-    std::unordered_map<uint32_t, std::unique_ptr<HFSPlusHostForkData>> _hostForkDataCache;
+    std::unordered_map<uint32_t, std::unique_ptr<CachedForkData>> _hostForkDataCache;
     uint64_t _volumeStartOffset = 0;  // bytes into the device
     uint64_t _volumeSizeBytes = 0;
 };

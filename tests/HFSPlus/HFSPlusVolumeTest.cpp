@@ -99,6 +99,22 @@ TEST(HFSPlusVolume, CachedForkDataIsACopyThatIsOverwrittenInPlaceAndForgotten)
     EXPECT_EQ(opened->hostForkData(kMovie), nullptr);
 }
 
+TEST(HFSPlusVolume, CachedForkDataStayUntilTheyWereUncachedAsOftenAsCached)
+{
+    HFSPlusOpenedVolume opened(plainVolume());
+    ASSERT_TRUE(opened) << opened.error();
+    opened->cacheHostForkData(forkDataOf(1, {{50, 1}}), kMovie);
+    opened->cacheHostForkData(forkDataOf(1, {{50, 1}}), kMovie);
+    const HFSPlusHostForkData* const entry = opened->hostForkData(kMovie);
+
+    opened->uncacheHostForkData(kMovie);
+    EXPECT_EQ(opened->hostForkData(kMovie), entry);
+
+    opened->uncacheHostForkData(kMovie);
+    EXPECT_EQ(opened->hostForkData(kMovie), nullptr);
+    opened->uncacheHostForkData(kMovie);  // without an entry there is nothing to do
+}
+
 TEST(HFSPlusVolume, UpdatingForkExtentsReplacesThoseOfTheHeader)
 {
     HFSPlusOpenedVolume opened(plainVolume());
@@ -264,17 +280,6 @@ TEST(HFSPlusVolume, FolderWithTheJournalsNameIsNotImmutable)
 
     ASSERT_NE(forks, nullptr);
     EXPECT_EQ(forks->count(), 0u);
-}
-
-TEST(HFSPlusVolume, HotFilesAreRefused)
-{
-    HFSPlusOpenedVolume opened(plainVolume());
-    ASSERT_TRUE(opened) << opened.error();
-    std::unique_ptr<VZDefragError> error;
-
-    EXPECT_EQ(opened->immutableForkIDs(true, &error), nullptr);
-    ASSERT_NE(error, nullptr);
-    EXPECT_EQ(error->description(), "Hot files are not available in this version.");
 }
 
 TEST(HFSPlusVolume, LastByteOfAForkShorterThanItsLastExtentIsOneByteLong)
