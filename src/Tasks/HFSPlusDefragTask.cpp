@@ -8,6 +8,8 @@
 #include "HFSPlus/HFSPlusForkExtents.h"
 #include "HFSPlus/HFSPlusVolume.h"
 #include "KLKit/KLDebug.h"
+#include "Tasks/HFSPlusApplicationProfile.h"
+#include "Tasks/HFSPlusBootCacheProfile.h"
 #include "Tasks/HFSPlusCompactSelection.h"
 #include "Tasks/HFSPlusCopyEngine.h"
 #include "Tasks/HFSPlusDefragSelection.h"
@@ -127,15 +129,35 @@ std::unique_ptr<HFSPlusSourceSelection> HFSPlusDefragTask::_makeSelection()
 
 bool HFSPlusDefragTask::_prepareProfiles(VZDefragErrorSlot error)
 {
-    bool prepared = true;
-    if (_useBootProfile || _useAppProfile) {
-        prepared = VZDefragFail(error, "Profile %1$@ is not available in this version.",
-                                _useBootProfile ? "boot" : "app");
-    }
+    const bool built = _buildProfiles(error);
     if (_profileFileForks != nullptr && _profileFileForks->count() == 0) {
         _profileFileForks.reset();
     }
-    return _volume.flush(prepared ? error : nullptr) && prepared;
+    // The playlist's blocks are free in memory. They stay untouched until the catalog on disk has
+    // let go of them, which a failure here leaves in doubt.
+    return _volume.flush(built ? error : nullptr) && built;
+}
+
+/** Adds the forks of the profiles that were asked for, those that are read at start-up first. */
+bool HFSPlusDefragTask::_buildProfiles(VZDefragErrorSlot error)
+{
+    if (_profileFileForks == nullptr) {
+        _profileFileForks = std::make_unique<HFSPlusFileForkSet>(_volume);
+    }
+    std::unique_ptr<VZDefragError> failure;  // a profile that is not made is none
+    if (_useBootProfile &&
+        HFSPlusBootCacheProfile::initWithVolume(_volume, *_profileFileForks, &failure) != nullptr) {
+        HFSPlusBootCacheProfile::reset(_volume);
+    }
+    if (failure == nullptr && _useAppProfile) {
+        std::ignore =
+            HFSPlusApplicationProfile::initWithVolume(_volume, *_profileFileForks, &failure);
+    }
+    const bool built = failure == nullptr;
+    if (!built && VZDefragWantsError(error)) {
+        *error = std::move(failure);
+    }
+    return built;
 }
 
 void HFSPlusDefragTask::_removeImmutableForksFromProfiles()

@@ -34,6 +34,7 @@ private:
     [[nodiscard]] bool _moveData(VZDefragErrorSlot error);
     [[nodiscard]] std::unique_ptr<HFSPlusSourceSelection> _makeSelection();
     [[nodiscard]] bool _prepareProfiles(VZDefragErrorSlot error);
+    [[nodiscard]] bool _buildProfiles(VZDefragErrorSlot error);
     void _removeImmutableForksFromProfiles();
     [[nodiscard]] bool _prepareForRun(VZDefragErrorSlot error);
     [[nodiscard]] bool _buildSpan(uint32_t firstBlock, VZDefragErrorSlot error);

@@ -1,0 +1,136 @@
+#include "Tasks/HFSPlusBlockClaims.h"
+
+#include <algorithm>
+#include <array>
+
+#include "HFSPlus/HFSPlusAllocation.h"
+#include "HFSPlus/HFSPlusExtents.h"
+#include "HFSPlus/HFSPlusForkExtents.h"
+#include "HFSPlus/HFSPlusFormatConversion.h"
+#include "HFSPlus/HFSPlusVolume.h"
+
+namespace {
+
+uint64_t endOf(const HFSPlusHostExtentDescriptor& extent)
+{
+    return uint64_t{extent.startBlock} + extent.blockCount;
+}
+
+}  // namespace
+
+bool HFSPlusBlockClaims::areExclusive(const HFSPlusForkExtents& fork)
+{
+    if (!_isFoundByID() || !fork.copyExtentDescriptors(_extents, 0, nullptr)) {
+        return false;
+    }
+    std::ranges::sort(_extents, {}, &HFSPlusHostExtentDescriptor::startBlock);
+    _recordCount = 0;
+    _isShared = false;
+    return _haveNoOverlaps() && _areMarkedUsed() && _avoidReservedAreas() && _avoidSpecialFiles() &&
+           _avoidBadBlocks() && _volume.scanCatalogFiles(*this, nullptr) && _recordCount == 1 &&
+           !_isShared;
+}
+
+/** Whether the file's ID leads to the very record that the file was found by. */
+bool HFSPlusBlockClaims::_isFoundByID() const
+{
+    HFSPlusCatalogLookupRecord byID;
+    return _volume.catalog().copyRecordForCNID(byID, _file.cnid(), nullptr) && byID.isFile() &&
+           byID.cnid() == _file.cnid() && byID.parentID == _file.parentID &&
+           byID.nameLength == _file.nameLength &&
+           std::equal(byID.name.begin(), byID.name.begin() + byID.nameLength, _file.name.begin());
+}
+
+bool HFSPlusBlockClaims::_haveNoOverlaps() const
+{
+    return std::ranges::adjacent_find(_extents, [](const auto& left, const auto& right) {
+               return endOf(left) > right.startBlock;
+           }) == _extents.end();
+}
+
+bool HFSPlusBlockClaims::_areMarkedUsed() const
+{
+    return std::ranges::all_of(_extents, [&](const HFSPlusHostExtentDescriptor& extent) {
+        uint32_t run = 0;
+        return _volume.allocation().isSet(extent.startBlock, extent.blockCount, run, nullptr) &&
+               run == extent.blockCount;
+    });
+}
+
+bool HFSPlusBlockClaims::_avoidReservedAreas() const
+{
+    const HFSPlusHostVolumeHeader& header = _volume.hostVolumeHeader();
+    const auto bootBlocks =
+        static_cast<uint32_t>((kHFSPlusReservedAreaSize + header.blockSize - 1) / header.blockSize);
+    const uint32_t alternateBlocks = header.blockSize <= 512 ? 2 : 1;
+    return !_overlap({0, bootBlocks}) &&
+           !_overlap({header.totalBlocks - alternateBlocks, alternateBlocks}) &&
+           !(_volume.isJournaled() && _overlap({header.journalInfoBlock, 1}));
+}
+
+bool HFSPlusBlockClaims::_avoidSpecialFiles() const
+{
+    constexpr std::array kSpecialFileIDs = {kHFSExtentsFileID, kHFSCatalogFileID,
+                                            kHFSAllocationFileID, kHFSStartupFileID,
+                                            kHFSAttributesFileID};
+    return std::ranges::all_of(kSpecialFileIDs, [&](uint32_t fileID) {
+        const auto fork =
+            HFSPlusForkExtents::initWithVolume(_volume, fileID, kHFSDataForkType, nullptr);
+        std::vector<HFSPlusHostExtentDescriptor> extents;
+        return fork != nullptr && fork->copyExtentDescriptors(extents, 0, nullptr) &&
+               std::ranges::none_of(extents, [&](const auto& extent) { return _overlap(extent); });
+    });
+}
+
+/** Bad blocks have overflow records only, and no record in the catalog that tells how many. */
+bool HFSPlusBlockClaims::_avoidBadBlocks() const
+{
+    if (_volume.extents().headerRecord().treeDepth == 0) {
+        return true;  // an empty tree cannot be searched
+    }
+    uint64_t sum = 0;
+    while (sum <= UINT32_MAX) {  // every record adds a block at least
+        HFSPlusExtentRecord record;
+        const auto wanted = static_cast<uint32_t>(sum);
+        uint32_t start = wanted;
+        if (!_volume.extents().copyExtentRecord(record, start, kHFSBadBlockFileID, kHFSDataForkType,
+                                                nullptr)) {
+            return false;
+        }
+        if (record[0].isEmpty() || start != wanted) {
+            return true;
+        }
+        for (const HFSPlusHostExtentDescriptor& extent : hostOrder(record)) {
+            if (!extent.isEmpty() && _overlap(extent)) {
+                return false;
+            }
+            sum += extent.isEmpty() ? 0 : extent.blockCount;
+        }
+    }
+    return false;
+}
+
+/** Whether one of the file's blocks lies in @p extent. */
+bool HFSPlusBlockClaims::_overlap(const HFSPlusHostExtentDescriptor& extent) const
+{
+    // The extents do not overlap, so only the last that begins before the other's end can reach it.
+    const auto next = std::ranges::lower_bound(
+        _extents, endOf(extent), {},
+        [](const HFSPlusHostExtentDescriptor& own) { return uint64_t{own.startBlock}; });
+    return next != _extents.begin() && endOf(*std::prev(next)) > extent.startBlock;
+}
+
+bool HFSPlusBlockClaims::scanCatalogFile(const HFSPlusCatalogFile& file,
+                                         std::span<const uint8_t> /*key*/, VZDefragErrorSlot error)
+{
+    const uint32_t fileID = file.fileID;
+    const bool isOwn = fileID == _file.cnid();
+    _recordCount += isOwn ? 1 : 0;
+    const auto visit = [&](const HFSPlusHostExtentDescriptor& extent) {
+        _isShared = _isShared || _overlap(extent);
+    };
+    HFSPlusExtents& extents = _volume.extents();
+    return (isOwn ||
+            extents.visitForkExtents(file.dataFork, fileID, kHFSDataForkType, visit, error)) &&
+           extents.visitForkExtents(file.resourceFork, fileID, kHFSResourceForkType, visit, error);
+}
