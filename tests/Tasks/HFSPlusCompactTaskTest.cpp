@@ -345,6 +345,53 @@ TEST(HFSPlusCompactTask, AHoleTooSmallForANodeTakesTheFileThatComesFirst)
     EXPECT_EQ(extentsOf(volume, 4), (Extents{{10, 20}}));
 }
 
+TEST(HFSPlusCompactTask, HolesAmongWhatCannotMoveEndTheRunAtOnce)
+{
+    HFSPlusVolumeBuilder builder = packedVolume();
+    builder.badBlocks({{kFront + 3, 10}, {kFront + 20, 1}}).startupExtents({{500, 30}});
+    HFSPlusOpenedVolume volume(builder);
+    const auto before = volume.memory().clone();
+
+    const DefragOutput output = runCompact(*volume);
+    volume.close();
+
+    EXPECT_EQ(output.lines, linesOfAnIdleRun());
+    EXPECT_TRUE(volume.memory().hasSameBytesAs(*before));
+}
+
+TEST(HFSPlusCompactTask, AHoleInFrontOfSomethingFixedIsFilledThoughItIsNarrowerThanACycle)
+{
+    HFSPlusVolumeBuilder builder = packedVolume();
+    builder.badBlocks({{kFront + 3, 2}, {kFront + 6, 1}});
+    builder.file("/one", 20).data({{kFront + 7, 9}, {400, 20}});
+    builder.file("/two", 21).data({{kFront + 20, 30}});
+    HFSPlusOpenedVolume volume(builder);
+
+    static_cast<void>(compactSoundly(volume));
+
+    EXPECT_EQ(extentsOf(volume, 20)[0], (HFSPlusCheckedExtent{kFront, 3}));
+    EXPECT_EQ(extentsOf(volume, 20)[1], (HFSPlusCheckedExtent{kFront + 5, 1}));
+    EXPECT_EQ(extentsOf(volume, 20)[2], (HFSPlusCheckedExtent{kFront + 7, 5}));
+    EXPECT_EQ(extentsOf(volume, 21), (Extents{{kFront + 12, 30}}));
+}
+
+TEST(HFSPlusCompactTask, NodesThatFindNoRoomInACycleAreTheFirstOfTheNext)
+{
+    // A cycle of nine blocks carries four nodes of two, and evicts five.
+    HFSPlusVolumeBuilder builder = volumeOfTwoBlockNodes();
+    builder.allocationExtents({{1, 1}}).extentsFileExtents({{2, 4}});
+    builder.catalogExtents({{7, 20}, {200, 10}}).badBlocks({{30, 1}, {34, 1}, {36, 1}, {38, 1}});
+    builder.file("/file", 20).data({{27, 3}, {31, 3}, {40, 30}});
+    for (uint32_t bufferBlocks = 3; bufferBlocks < 60; ++bufferBlocks) {
+        HFSPlusOpenedVolume volume(builder);
+
+        const DefragOutput output = compactSoundly(volume, bufferBlocks);
+
+        ASSERT_NE(evictionsOf(output), 0u);
+        ASSERT_FALSE(HasFailure()) << "buffer of " << bufferBlocks << " blocks";
+    }
+}
+
 TEST(HFSPlusCompactTask, TooLittleFreeSpaceBehindTheFrontEndsTheRunAndMovesNothing)
 {
     HFSPlusVolumeBuilder builder = plainVolume(400);

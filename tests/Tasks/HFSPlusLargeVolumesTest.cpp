@@ -5,6 +5,7 @@
 #include "Tasks/HFSPlusCopyBuffer.h"
 #include "Tasks/HFSPlusCopyList.h"
 #include "Tasks/HFSPlusDefragProgress.h"
+#include "support/HFSPlusDataOrder.h"
 #include "support/HFSPlusOpenedVolume.h"
 
 // Volumes whose block numbers nearly fill 32 bits: no sum of them does, and no offset in bytes.
@@ -49,6 +50,31 @@ TEST(HFSPlusLargeVolumes, ForksAtTheVeryEndAreBroughtToTheFront)
     EXPECT_EQ(extentsOf(after, 20).size(), 1u);
     EXPECT_EQ(extentsOf(after, 21).size(), 1u);
     EXPECT_EQ(extentsOf(after, kHFSCatalogFileID).size(), 1u);
+    EXPECT_EQ(volume.hashes(), before);
+}
+
+TEST(HFSPlusLargeVolumes, RunsAtTheVeryEndSlideToTheFrontInTheirOrder)
+{
+    HFSPlusVolumeBuilder builder = largeVolume();
+    builder.catalogExtents({{kTotalBlocks - 800, 64}, {kTotalBlocks - 600, 64}});
+    builder.file("/f", 20).data({{kTotalBlocks - 40, 5}, {kTotalBlocks - 12, 10}});
+    builder.file("/g", 21).data({{0x80000000, 3}, {kTotalBlocks - 30, 7}, {0x7FFFFFF0, 9}});
+    HFSPlusOpenedVolume volume(builder);
+    ASSERT_TRUE(volume) << volume.error();
+    const HFSPlusForkHashes before = volume.hashes();
+    const std::vector<HFSPlusDataRun> order = dataOrder(volume.check().forks);
+
+    const DefragOutput output = runDefrag(*volume, uint64_t{64} * kBlockSize, {"COMPACT"});
+
+    EXPECT_EQ(output.error(), "");
+    const HFSPlusCheckResult after = volume.check();
+    EXPECT_TRUE(after.consistent) << after.description();
+    EXPECT_EQ(dataOrder(after.forks), order);
+    for (const HFSPlusCheckedFork& fork : after.forks) {
+        for (const HFSPlusCheckedExtent& extent : fork.extents) {
+            EXPECT_LT(extent.startBlock, kTotalBlocks / 2) << fork;
+        }
+    }
     EXPECT_EQ(volume.hashes(), before);
 }
 
