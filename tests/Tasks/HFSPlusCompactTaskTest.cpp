@@ -330,6 +330,40 @@ TEST(HFSPlusCompactTask, AVolumeWhoseOnlyHoleIsTooSmallForANodeIsLeftAsItIs)
     EXPECT_EQ(runCompact(*volume).lines, linesOfAnIdleRun());
 }
 
+TEST(HFSPlusCompactTask, AHoleBehindOneTooSmallForANodeIsJudgedByWhatComesNextThere)
+{
+    HFSPlusVolumeBuilder builder = volumeOfTwoBlockNodes();
+    builder.allocationExtents({{1, 1}}).extentsFileExtents({{2, 4}});
+    builder.badBlocks({{7, 1}, {29, 1}});
+    builder.catalogExtents({{8, 20}});
+    builder.file("/file", 20).data({{30, 9}});
+    HFSPlusOpenedVolume volume(builder);
+
+    static_cast<void>(compactSoundly(volume, 5));
+
+    EXPECT_EQ(extentsOf(volume, 4), (Extents{{8, 20}}));
+    EXPECT_EQ(extentsOf(volume, 20), (Extents{{28, 1}, {30, 8}}));
+}
+
+TEST(HFSPlusCompactTask, AHoleTooSmallForANodeTakesABlockThatHoldsNone)
+{
+    HFSPlusVolumeBuilder builder = volumeOfTwoBlockNodes();
+    builder.allocationExtents({{1, 1}}).extentsFileExtents({{2, 4}});
+    builder.badBlocks({{7, 1}, {9, 1}});
+    builder.catalogExtents({{10, 20}, {8, 1}});  // the last block is no whole node
+    builder.file("/file", 20).data({{30, 9}});
+    HFSPlusOpenedVolume volume(builder);
+
+    ASSERT_TRUE(volume) << volume.error();
+    const HFSPlusForkHashes before = volume.hashes({.hashBlocks = true});
+
+    EXPECT_EQ(runCompact(*volume, 5).error(), "");
+
+    EXPECT_EQ(extentsOf(volume, 4), (Extents{{10, 20}, {6, 1}}));
+    EXPECT_EQ(volume.hashes({.hashBlocks = true}), before);
+    EXPECT_EQ(runCompact(*volume, 5).lines, linesOfAnIdleRun());
+}
+
 TEST(HFSPlusCompactTask, AHoleTooSmallForANodeTakesTheFileThatComesFirst)
 {
     HFSPlusVolumeBuilder builder = volumeOfTwoBlockNodes();
