@@ -112,3 +112,27 @@ TEST_F(HFSPlusVolumeDumpTest, PathThatLeadsToAnotherCNIDFails)
     ASSERT_NE(error, nullptr);
     EXPECT_EQ(error->description(), "CNID 32 -> /films/movie -> CNID 153.");
 }
+
+TEST_F(HFSPlusVolumeDumpTest, PathThatLeadsNowhereFails)
+{
+    HFSPlusVolumeBuilder builder = plainVolume().file("/movie", kMovie);
+    std::unique_ptr<MemoryBlockDevice> memory = builder.build();
+    ASSERT_NE(memory, nullptr) << builder.error();
+    // The file's thread: its key, its type, its parent, and a name that the file does not have.
+    const std::string key("\0\x06\0\0\0\x20\0\0\0\x04", 10);
+    constexpr uint64_t kNameOffset = 18;
+    std::string bytes(memory->size(), '\0');
+    memory->peek(bytes.data(), bytes.size(), 0);
+    const size_t thread = bytes.find(key);
+    ASSERT_NE(thread, std::string::npos);
+    memory->poke("\0n", 2, thread + kNameOffset);
+    const HFSPlusOpenedVolume opened(std::move(memory));
+    ASSERT_TRUE(opened) << opened.error();
+    HFSPlusHostCatalogFile file = {};
+    file.fileID = kMovie;
+    std::unique_ptr<VZDefragError> error;
+
+    EXPECT_FALSE(opened->dumpFilePathFull(file, &error));
+    ASSERT_NE(error, nullptr);
+    EXPECT_EQ(error->description(), "File lookup failed for /novie.");
+}

@@ -223,6 +223,17 @@ TEST(KLToolApplication, InputMayBeTheNullDevice)
     EXPECT_EQ(process.wait(), 0);
 }
 
+TEST(KLToolApplication, InputThatCannotBeReadIsFatal)
+{
+    ToolProcess::Setup setup = fixture("echo");
+    setup.inputPath = "/";
+    ToolProcess process(setup);
+    const std::string first = process.readErrorLine().value_or("");
+
+    EXPECT_TRUE(first.ends_with("]: PANIC: reading input failed, error 21")) << first;
+    EXPECT_EQ(process.wait(), -SIGABRT);
+}
+
 TEST(KLToolApplication, LinesTypedOnATerminalAreEvents)
 {
     Terminal terminal;
