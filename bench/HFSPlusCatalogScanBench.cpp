@@ -40,16 +40,17 @@ public:
 
 void CatalogScan(benchmark::State& state)
 {
+    const HFSPlusOpenedVolume& volume = openedVolume();  // built before the clock starts
     for (auto _ : state) {
         Counter counter;
-        if (!openedVolume()->scanCatalogFiles(counter, nullptr) || counter.count != kFiles) {
+        if (!volume->scanCatalogFiles(counter, nullptr) || counter.count != kFiles) {
             state.SkipWithError("the scan did not meet every file");
             return;
         }
     }
     state.SetItemsProcessed(state.iterations() * int64_t{kFiles});
     state.SetBytesProcessed(state.iterations() *
-                            static_cast<int64_t>(openedVolume()->catalog().logicalSize()));
+                            static_cast<int64_t>(volume->catalog().logicalSize()));
 }
 
 void CatalogBytes(benchmark::State& state)
