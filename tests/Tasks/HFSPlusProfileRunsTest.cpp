@@ -20,7 +20,8 @@ PlaylistEntry entryAt(uint64_t block, uint32_t group)
 }
 
 /** Fragmented files, four of them applications, and a playlist of three forks in three groups. */
-HFSPlusVolumeBuilder profiledVolume(HFSPlusVolumeBuilder builder = {})
+HFSPlusVolumeBuilder profiledVolume(HFSPlusVolumeBuilder builder = {},
+                                    HFSPlusBuilderExtent playlist = {250, 1})
 {
     builder.blockSize(4096).totalBlocks(1000);
     builder.file("/movie", 20).data({{300, 10}, {400, 25}, {200, 5}});
@@ -31,7 +32,7 @@ HFSPlusVolumeBuilder profiledVolume(HFSPlusVolumeBuilder builder = {})
     builder.file("/Applications/empty", 25);
     builder.file("/last", 650).data({{980, 1}});
     addPlaylist(builder, playlistBytes({entryAt(600, 3), entryAt(504, 1), entryAt(400, 2)}),
-                {{250, 1}});
+                {playlist});
     return builder;
 }
 
@@ -216,9 +217,13 @@ TEST(HFSPlusProfileRuns, AMissingOverflowRecordEndsTheRunBeforeAnythingMoves)
 
 TEST(HFSPlusProfileRuns, WhereTheFlushFailsThePlaylistThatTheDiskStillNamesIsIntact)
 {
+    // The playlist lies where the first data go, the special files out of the way.
+    HFSPlusVolumeBuilder builder;
+    builder.allocationExtents({{180, 1}}).extentsFileExtents({{150, 16}});
+    builder.catalogExtents({{100, 32}});
     uint64_t writes = 0;
     for (bool reached = true; reached; ++writes) {
-        HFSPlusOpenedVolume volume(profiledVolume());
+        HFSPlusOpenedVolume volume(profiledVolume(builder, {1, 1}));
         ASSERT_TRUE(volume) << volume.error();
         const HFSPlusForkHashes before = volume.hashes();
         volume.faults().stopAfterWrites(writes);
