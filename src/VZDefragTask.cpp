@@ -104,3 +104,9 @@ void VZDefragTask::reportTaskDone()
     }
     KLDebugLog(KLDebugLevel::kDebug, "%@,DEBUG,Elapsed time %.03fs\n", name(), elapsed);
 }
+
+bool VZDefragCheckNotAborted(VZDefragErrorSlot error)
+{
+    const KLToolTask* const task = KLToolTask::currentToolTask();
+    return task == nullptr || !task->aborted() || VZDefragFailCancelled(error);
+}

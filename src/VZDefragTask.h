@@ -44,3 +44,6 @@ private:
     bool _progressUpdated = false;  // the value changed since the last line
     int32_t _progressValue = -1;    // negative: nothing to report yet
 };
+
+/** Fails with "User cancelled." when the task of the calling thread was asked to stop. */
+[[nodiscard]] bool VZDefragCheckNotAborted(VZDefragErrorSlot error);

@@ -26,6 +26,9 @@ HFSPlusAllocationReadAhead::~HFSPlusAllocationReadAhead()
 
 bool HFSPlusAllocationReadAhead::copy(uint8_t* buffer, uint64_t nbyte, uint64_t offset)
 {
+    if (nbyte > kCapacity) {
+        return false;
+    }
     const bool isHere = offset >= _offset && offset - _offset < _size;
     if (_data == nullptr || (!isHere && !_fill(offset)) || nbyte > _size - (offset - _offset)) {
         return false;

@@ -9,6 +9,7 @@
 #include "KLKit/KLDebug.h"
 #include "KLKit/KLStringUtilities.h"
 #include "KLKit/KLToolTask.h"
+#include "VZDefragTask.h"
 
 namespace {
 
@@ -41,12 +42,6 @@ void logScan(const HFSPlusCatalog& catalog, double ratio)
     } else {
         KLDebugLog(KLDebugLevel::kDebug, "%@,DEBUG,Catalog scan using bulk method\n", name);
     }
-}
-
-bool checkNotAborted(VZDefragErrorSlot error)
-{
-    const KLToolTask* const task = KLToolTask::currentToolTask();
-    return task == nullptr || !task->aborted() || VZDefragFailCancelled(error);
 }
 
 }  // namespace
@@ -89,7 +84,7 @@ bool HFSPlusCatalogScanner::_scanNodesInUse(HFSPlusCatalogScanDelegate& delegate
 {
     const std::unique_ptr<HFSPlusBTreeBulkIterator> iterator =
         HFSPlusBTreeBulkIterator::initWithBTree(_catalog, error);
-    if (iterator == nullptr || !checkNotAborted(error)) {
+    if (iterator == nullptr || !VZDefragCheckNotAborted(error)) {
         return false;
     }
     while (true) {
@@ -104,7 +99,7 @@ bool HFSPlusCatalogScanner::_scanNodesInUse(HFSPlusCatalogScanDelegate& delegate
             return false;
         }
         node = HFSPlusCachedNode();
-        if (!checkNotAborted(error)) {
+        if (!VZDefragCheckNotAborted(error)) {
             return false;
         }
     }
@@ -113,7 +108,7 @@ bool HFSPlusCatalogScanner::_scanNodesInUse(HFSPlusCatalogScanDelegate& delegate
 bool HFSPlusCatalogScanner::_scanLeafChain(HFSPlusCatalogScanDelegate& delegate,
                                            VZDefragErrorSlot error)
 {
-    if (!checkNotAborted(error)) {
+    if (!VZDefragCheckNotAborted(error)) {
         return false;
     }
     uint32_t index = _catalog.firstLeafNode();
@@ -135,7 +130,7 @@ bool HFSPlusCatalogScanner::_scanLeafChain(HFSPlusCatalogScanDelegate& delegate,
         }
         index = node->fLink();
         node = HFSPlusCachedNode();
-        if (!checkNotAborted(error)) {
+        if (!VZDefragCheckNotAborted(error)) {
             return false;
         }
     }

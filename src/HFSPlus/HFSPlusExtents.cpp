@@ -6,6 +6,7 @@
 #include "HFSPlus/HFSPlusVolume.h"
 #include "KLKit/KLDebug.h"
 #include "KLKit/KLStringUtilities.h"
+#include "VZDefragTask.h"
 
 namespace {
 
@@ -196,7 +197,8 @@ bool HFSPlusExtents::visitForkExtents(const HFSPlusForkData& fork, uint32_t file
         const auto wanted = static_cast<uint32_t>(sum);
         HFSPlusExtentRecord record;
         uint32_t start = wanted;
-        if (!copyExtentRecord(record, start, fileID, forkType, error)) {
+        if (!VZDefragCheckNotAborted(error) ||
+            !copyExtentRecord(record, start, fileID, forkType, error)) {
             return false;
         }
         // The lookup answers with a lower record when the one asked for is not there, and one

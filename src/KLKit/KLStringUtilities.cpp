@@ -1,5 +1,9 @@
 #include "KLKit/KLStringUtilities.h"
 
+#include <algorithm>
+#include <charconv>
+#include <limits>
+
 #include "KLKit/KLFormat.h"
 
 namespace {
@@ -65,6 +69,23 @@ std::vector<std::string> trimmedComponentsSeparatedByCharactersInSet(std::string
         rest = separator < rest.size() ? trimmed(rest.substr(separator), set) : std::string_view();
     }
     return components;
+}
+
+std::optional<int64_t> integerAtStart(std::string_view text)
+{
+    constexpr std::string_view kWhiteSpace = " \t\n\v\f\r";
+    text.remove_prefix(std::min(text.find_first_not_of(kWhiteSpace), text.size()));
+    const bool isNegative = text.starts_with('-');
+    if (text.starts_with('+') && !text.starts_with("+-")) {
+        text.remove_prefix(1);
+    }
+    int64_t number = 0;
+    const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (result.ec == std::errc::result_out_of_range) {
+        return isNegative ? std::numeric_limits<int64_t>::min()
+                          : std::numeric_limits<int64_t>::max();
+    }
+    return result.ec == std::errc() ? std::optional(number) : std::nullopt;
 }
 
 std::string stringWithPrettySize(uint64_t size)

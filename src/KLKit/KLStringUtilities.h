@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -13,6 +14,10 @@
 /** The words of @p text; separators at the ends are ignored and runs of them count as one. */
 [[nodiscard]] std::vector<std::string> trimmedComponentsSeparatedByCharactersInSet(
     std::string_view text, std::string_view set);
+
+/** The decimal number that @p text begins with, after white space and whatever follows it; the
+ *  nearest one of 64 bits. Nothing without a digit. */
+[[nodiscard]] std::optional<int64_t> integerAtStart(std::string_view text);
 
 /** A byte count for people: 512B, 4KiB, 1.5MiB. Fractions have no leading zeros. */
 [[nodiscard]] std::string stringWithPrettySize(uint64_t size);

@@ -1,7 +1,6 @@
 #include "Tasks/HFSPlusBitmapTask.h"
 
 #include <algorithm>
-#include <charconv>
 #include <limits>
 #include <optional>
 #include <string_view>
@@ -10,29 +9,22 @@
 #include "HFSPlus/HFSPlusAllocation.h"
 #include "HFSPlus/HFSPlusAllocationReadAhead.h"
 #include "HFSPlus/HFSPlusVolume.h"
+#include "KLKit/KLStringUtilities.h"
 #include "Tasks/HFSPlusBitmapPicture.h"
 #include "VZDefragOutput.h"
 
 namespace {
 
 /** The integer that @p word begins with, whatever follows it; the nearest one of 32 bits. */
-std::optional<int32_t> integerAtStart(std::string_view word)
+std::optional<int32_t> scaleAtStart(std::string_view word)
 {
-    const bool isNegative = word.starts_with('-');
-    if (isNegative || word.starts_with('+')) {
-        word.remove_prefix(1);
-    }
-    if (word.empty() || word.front() < '0' || word.front() > '9') {
-        return std::nullopt;
-    }
     constexpr int64_t kLowest = std::numeric_limits<int32_t>::min();
     constexpr int64_t kHighest = std::numeric_limits<int32_t>::max();
-    int64_t number = 0;
-    const auto parsed = std::from_chars(word.data(), word.data() + word.size(), number);
-    if (parsed.ec == std::errc::result_out_of_range) {
-        number = std::numeric_limits<int64_t>::max();
+    const std::optional<int64_t> number = integerAtStart(word);
+    if (!number) {
+        return std::nullopt;
     }
-    return static_cast<int32_t>(std::clamp(isNegative ? -number : number, kLowest, kHighest));
+    return static_cast<int32_t>(std::clamp(*number, kLowest, kHighest));
 }
 
 }  // namespace
@@ -66,7 +58,7 @@ bool HFSPlusBitmapTask::_parseArguments(int32_t& scale, VZDefragErrorSlot error)
         } else if (found) {
             return VZDefragFail(error, "Unknown option: %1$@", word);
         } else {
-            found = integerAtStart(word);
+            found = scaleAtStart(word);
             if (!found || *found <= 0) {
                 return VZDefragFail(error, "%1$@ is not a positive integer.", word);
             }
@@ -104,8 +96,8 @@ bool HFSPlusBitmapTask::_parseAllocationWithScale(int32_t scale, VZDefragErrorSl
     const HFSPlusAllocationReadAhead readAhead(allocation);
     const uint64_t chunkBlocks = uint64_t{allocation.chunkSize()} * 8;
     for (uint64_t block = 0; block < totalBlocks; block += chunkBlocks) {
-        if (aborted()) {
-            return VZDefragFailCancelled(error);
+        if (!VZDefragCheckNotAborted(error)) {
+            return false;
         }
         const HFSPlusCachedChunk chunk =
             allocation.cachedChunkWithBlockIndex(static_cast<uint32_t>(block), error);

@@ -12,7 +12,7 @@
 #include "HFSPlus/HFSPlusFormatConversion.h"
 #include "HFSPlus/HFSPlusVolume.h"
 #include "KLKit/KLDebug.h"
-#include "KLKit/KLToolTask.h"
+#include "VZDefragTask.h"
 
 namespace {
 
@@ -68,11 +68,7 @@ bool HFSPlusExtentMapBuilder::_fillExtentMap(VZDefragErrorSlot error)
         !_volume.scanCatalogFiles(*this, error)) {
         return false;
     }
-    const KLToolTask* task = KLToolTask::currentToolTask();
-    if (task != nullptr && task->aborted()) {
-        return VZDefragFailCancelled(error);
-    }
-    return _crossCheck(error);
+    return VZDefragCheckNotAborted(error) && _crossCheck(error);
 }
 
 bool HFSPlusExtentMapBuilder::_insertReservedAreas(VZDefragErrorSlot error)

@@ -1,12 +1,12 @@
 #include "Tasks/HFSPlusMapTask.h"
 
-#include <charconv>
 #include <limits>
 #include <string_view>
 #include <utility>
 
 #include "HFSPlus/HFSPlusCatalog.h"
 #include "HFSPlus/HFSPlusVolume.h"
+#include "KLKit/KLStringUtilities.h"
 #include "Tasks/HFSPlusFileRecordPrinter.h"
 #include "VZDefragOutput.h"
 #include "VZDefragStringUtilities.h"
@@ -26,14 +26,7 @@ bool isCNIDOption(std::string_view word)
 /** The ID that @p word begins with; whatever follows its digits is ignored. */
 bool parseCNID(std::string_view word, uint32_t& cnid)
 {
-    word.remove_prefix(std::min(word.find_first_not_of(" \t\n\v\f\r"), word.size()));
-    if (word.starts_with('+')) {
-        word.remove_prefix(1);
-    }
-    int64_t number = 0;
-    if (std::from_chars(word.data(), word.data() + word.size(), number).ec != std::errc()) {
-        return false;
-    }
+    const int64_t number = integerAtStart(word).value_or(0);
     cnid = static_cast<uint32_t>(number);
     return number >= 1 && number <= std::numeric_limits<uint32_t>::max();
 }
@@ -86,6 +79,9 @@ void HFSPlusMapTask::_mapWords(std::unique_ptr<VZDefragError>& error)
 bool HFSPlusMapTask::_mapOption(const std::string& option, const std::string& value,
                                 VZDefragErrorSlot error)
 {
+    if (!VZDefragCheckNotAborted(error)) {
+        return false;
+    }
     if (isPathOption(option)) {
         _closeGate();
         return _mapPath(value, error);

@@ -128,6 +128,7 @@ bool HFSPlusScanTask::scanCatalogFile(const HFSPlusCatalogFile& file, std::span<
             return false;
         }
         _safeName = _lastParentPath;
+        _safeName += '/';
     }
     appendSafeName(_safeName, key);
     if (!_printer->print(parentID, _safeName, file, error)) {
@@ -154,7 +155,7 @@ bool HFSPlusScanTask::_findFolder(uint32_t parentID, uint32_t fileID, VZDefragEr
         return VZDefragFail(error, "Path lookup failed for file ID %1$u.", fileID);
     }
     _lastParentID = parentID;
-    _lastParentPath = outputSafeString(path) + "/";
+    _lastParentPath = outputSafeString(path);
     return true;
 }
 

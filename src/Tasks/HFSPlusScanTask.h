@@ -33,6 +33,6 @@ private:
     double _fileIndex = 0;                               // files listed so far
     int32_t _progress = 0;                               // percent
     uint32_t _lastParentID = 0;                          // 0: none
-    std::string _lastParentPath;                         // safe for output, with its last "/"
+    std::string _lastParentPath;                         // safe for output
     std::string _safeName;                               // of the file being listed
 };

@@ -126,4 +126,28 @@ TEST(KLStringUtilities, ATextIsValidOnlyThroughout)
     EXPECT_FALSE(isValidUTF8("a\xED\xA0\x80"));
 }
 
+TEST(KLStringUtilities, AnIntegerIsReadFromTheStartWhateverFollows)
+{
+    EXPECT_EQ(integerAtStart("12"), 12);
+    EXPECT_EQ(integerAtStart("12abc"), 12);
+    EXPECT_EQ(integerAtStart(" \t\v12 13"), 12);
+    EXPECT_EQ(integerAtStart("+7"), 7);
+    EXPECT_EQ(integerAtStart("-7"), -7);
+    EXPECT_EQ(integerAtStart("007"), 7);
+}
+
+TEST(KLStringUtilities, AnIntegerTooLargeIsTheNearestOf64Bits)
+{
+    EXPECT_EQ(integerAtStart("9223372036854775807"), INT64_MAX);
+    EXPECT_EQ(integerAtStart("9223372036854775808"), INT64_MAX);
+    EXPECT_EQ(integerAtStart("-99999999999999999999"), INT64_MIN);
+}
+
+TEST(KLStringUtilities, WithoutADigitThereIsNoInteger)
+{
+    for (const char* text : {"", " ", "abc", "+", "-", "+-5", "-+5", "--5", "- 5", ".5"}) {
+        EXPECT_EQ(integerAtStart(text), std::nullopt) << text;
+    }
+}
+
 }  // namespace

@@ -304,3 +304,14 @@ TEST(HFSPlusMapTask, AnUnpairedSurrogateIsPrintedAsTheReplacementCharacter)
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(fieldsOf(lines[0]).at(kNameField), "/a\uFFFD");
 }
+
+TEST(HFSPlusMapTask, AnAbortEndsTheMappingsWithNothingButDone)
+{
+    const HFSPlusOpenedVolume volume(smallVolume());
+    ASSERT_TRUE(volume) << volume.error();
+    const auto event = std::make_shared<KLToolEvent>(KLToolEventStringType, "MAP -i 30 -p /folder");
+    const auto task = std::make_shared<HFSPlusMapTask>(*volume, event);
+    task->abort();
+
+    EXPECT_EQ(runTask(*task), (Lines{"MAP,START", "MAP,DONE"}));
+}

@@ -291,6 +291,17 @@ TEST(HFSPlusScanTask, FolderNamesInAFullPathAreEscapedToo)
     EXPECT_EQ(namesOf(scanned(builder, "-f")), (std::multiset<std::string>{"/a\\,b/c\\\\d/plain"}));
 }
 
+TEST(HFSPlusScanTask, AFileInNoFolderAtAllHasAFullPathAllTheSame)
+{
+    HFSPlusVolumeBuilder builder = smallVolume();
+    builder.file("/name", 20);
+    const HFSPlusOpenedVolume volume(builder);
+    ASSERT_TRUE(volume) << volume.error();
+    HFSPlusCatalogRecordInMemory(volume->catalog(), kHFSRootFolderID, u"name").setKey32(2, 0);
+
+    EXPECT_EQ(namesOf(scan(*volume, "-f")), (std::multiset<std::string>{"/name"}));
+}
+
 TEST(HFSPlusScanTask, ASlashInANameIsPrintedAsAColon)
 {
     HFSPlusVolumeBuilder builder = smallVolume();
@@ -483,6 +494,38 @@ TEST(HFSPlusScanTask, AScanAbortedOnItsWayEndsWithTheDoneLine)
     for (const std::string& line : lines) {
         EXPECT_FALSE(line.starts_with("SCAN,ERROR")) << line;
     }
+}
+
+TEST(HFSPlusScanTask, AnAbortIsNoticedWithinAForkOfManyOverflowRecords)
+{
+    HFSPlusBuilderExtents extents;
+    for (uint32_t index = 0; index < 400; ++index) {
+        extents.push_back({2000 + 2 * index, 1});
+    }
+    HFSPlusVolumeBuilder builder = smallVolume();
+    builder.file("/many", 20).data(extents);
+    const HFSPlusOpenedVolume volume(builder);
+    ASSERT_TRUE(volume) << volume.error();
+    HFSPlusCatalogLookupRecord record;
+    ASSERT_TRUE(volume->catalog().copyRecordForCNID(record, 20, nullptr));
+    size_t found = 0;
+    std::unique_ptr<VZDefragError> error;
+    const auto task = std::make_shared<KLToolTask>();
+    task->setAction([&] {
+        const auto visit = [&](const HFSPlusHostExtentDescriptor& /*extent*/) {
+            if (++found == 100) {
+                task->abort();
+            }
+        };
+        EXPECT_FALSE(volume->extents().visitForkExtents(diskOrder(record.file.dataFork), 20,
+                                                        kHFSDataForkType, visit, &error));
+    });
+
+    EXPECT_EQ(runTask(*task), Lines());
+
+    ASSERT_NE(error, nullptr);
+    EXPECT_TRUE(error->isUserCancelled());
+    EXPECT_LT(found, 110u);
 }
 
 TEST(HFSPlusScanTask, WaitsForTheVolumesGateBeforeItLooksAtTheVolume)

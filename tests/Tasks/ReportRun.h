@@ -13,6 +13,7 @@
 #include "HFSPlus/HFSPlusVolume.h"
 #include "Tasks/TaskRun.h"
 #include "base/ManualServices.h"
+#include "support/OutputFields.h"
 
 /** What the tests of the reporting commands share. */
 
@@ -28,23 +29,6 @@ using Lines = std::vector<std::string>;
     lines.pop_back();
     lines.erase(lines.begin());
     return lines;
-}
-
-/** The fields of a line, still escaped. */
-[[nodiscard]] inline Lines fieldsOf(const std::string& line)
-{
-    Lines fields(1);
-    for (size_t index = 0; index < line.size(); ++index) {
-        if (line[index] == ',') {
-            fields.emplace_back();
-            continue;
-        }
-        fields.back() += line[index];
-        if (line[index] == '\\' && index + 1 < line.size()) {
-            fields.back() += line[++index];
-        }
-    }
-    return fields;
 }
 
 inline constexpr size_t kNameField = 4;

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
 #include <functional>
 #include <ostream>
@@ -117,6 +118,26 @@ INSTANTIATE_TEST_SUITE_P(SampleVolume, EndedRun,
                                           testing::ValuesIn(endings().begin(),
                                                             endings().begin() + 4)),
                          nameOfEndedRun);
+
+TEST(EndingRuns, ASignalEndsAScanThatHasMuchLeftToSay)
+{
+    const RunImage image("blk1k");
+
+    DefragTranscript scan;
+    DefragSession session(image.path());
+    session.command("SCAN");
+    ASSERT_EQ(session.process().readLine(), "SCAN,START");
+    // More than pipe and buffer hold: the scan stands still until somebody reads on.
+    ASSERT_TRUE(session.process().readLine());
+    session.process().sendSignal(SIGTERM);
+    session.readToEnd(scan);
+
+    EXPECT_EQ(session.process().wait(), 0);
+    EXPECT_EQ(scan.lines.back(), "SCAN,DONE");
+    EXPECT_LT(scan.lines.size(), 890U);
+    EXPECT_TRUE(std::ranges::none_of(
+        scan.lines, [](const std::string& line) { return line.starts_with("SCAN,ERROR"); }));
+}
 
 TEST(EndingRuns, WhatIsTypedAfterQuitIsIgnored)
 {

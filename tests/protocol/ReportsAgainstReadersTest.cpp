@@ -17,6 +17,7 @@
 #include "protocol/OtherReaders.h"
 #include "protocol/ToolProcess.h"
 #include "protocol/VolumeJudgement.h"
+#include "support/OutputFields.h"
 
 namespace {
 
@@ -48,23 +49,6 @@ private:
         return static_cast<uint32_t>(std::stoul(fields.at(index)));
     }
 };
-
-/** Cuts a line at its unescaped commas. */
-std::vector<std::string> fieldsOf(const std::string& line)
-{
-    std::vector<std::string> fields(1);
-    for (size_t index = 0; index < line.size(); ++index) {
-        if (line[index] == ',') {
-            fields.emplace_back();
-            continue;
-        }
-        fields.back() += line[index];
-        if (line[index] == '\\' && index + 1 < line.size()) {
-            fields.back() += line[++index];
-        }
-    }
-    return fields;
-}
 
 /** A name or path as other listings show it: escapes undone, control characters as "^". */
 std::string shownPath(const std::string& field)
