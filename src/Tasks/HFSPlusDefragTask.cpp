@@ -197,7 +197,26 @@ bool HFSPlusDefragTask::_prepareForRun(VZDefragErrorSlot error)
     if (_span->reachesVolumeEnd()) {
         return true;
     }
-    return _buildSpan(0, error) && _skipToDataBlocks(error) && _skipWhatIsInPlace(error);
+    return _buildFirstSpan(error) && _skipToDataBlocks(error) && _skipWhatIsInPlace(error);
+}
+
+/** Builds the span at the front after a look at all others, while nothing has moved: two forks that
+ *  share blocks must not be met when the data of one are elsewhere and its blocks were given away.
+ */
+bool HFSPlusDefragTask::_buildFirstSpan(VZDefragErrorSlot error)
+{
+    if (!_buildSpan(0, error)) {
+        return false;
+    }
+    if (_span->reachesVolumeEnd()) {
+        return true;
+    }
+    while (!_span->reachesVolumeEnd()) {
+        if (!_buildSpan(_span->extentNextStartBlock(), error)) {
+            return false;
+        }
+    }
+    return _buildSpan(0, error);
 }
 
 bool HFSPlusDefragTask::_buildSpan(uint32_t firstBlock, VZDefragErrorSlot error)

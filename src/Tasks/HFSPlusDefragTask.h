@@ -37,6 +37,7 @@ private:
     [[nodiscard]] bool _buildProfiles(VZDefragErrorSlot error);
     void _removeImmutableForksFromProfiles();
     [[nodiscard]] bool _prepareForRun(VZDefragErrorSlot error);
+    [[nodiscard]] bool _buildFirstSpan(VZDefragErrorSlot error);
     [[nodiscard]] bool _buildSpan(uint32_t firstBlock, VZDefragErrorSlot error);
     [[nodiscard]] bool _skipToDataBlocks(VZDefragErrorSlot error);
     [[nodiscard]] bool _skipWhatIsInPlace(VZDefragErrorSlot error);

@@ -362,6 +362,23 @@ TEST(HFSPlusCopyEngine, MoreRunsThanOneSpanHoldsAreDefragmentedSpanBySpan)
     EXPECT_TRUE(text == textOfFileBehind());
 }
 
+TEST(HFSPlusCopyEngine, ForksThatShareBlocksBehindTheFirstSpanAreRefusedBeforeAnythingMoves)
+{
+    HFSPlusVolumeBuilder builder = crowdedVolume();
+    builder.unchecked();
+    builder.file("/sharing", 22).data({{19000, 10}, {420050, 100}});
+    for (const char* command : {"DEFRAG", "COMPACT"}) {
+        HFSPlusOpenedVolume volume(builder);
+        ASSERT_TRUE(volume) << volume.error();
+
+        const DefragOutput output = runDefrag(*volume, uint64_t{60000} * 512, {command});
+
+        EXPECT_TRUE(output.error().starts_with("Invalid overlapping extent")) << output.error();
+        EXPECT_EQ(output.moves().size(), 0u);
+        EXPECT_EQ(volume.memory().writeCount(), 0u);
+    }
+}
+
 TEST(HFSPlusCopyEngine, ALongForkIsNotTakenOutOfTheMapAndInAgainEveryCycle)
 {
     constexpr uint32_t kPieces = 100000;
