@@ -5,31 +5,18 @@
 #include <cerrno>
 
 #include "HFSPlus/ForkList.h"
+#include "Tasks/ProfileMaking.h"
 #include "support/HFSPlusOpenedVolume.h"
 #include "support/HFSPlusVolumeBuilderPatcher.h"
 
 namespace {
 
-/** What making the profile came to. */
-struct Profile {
-    bool made = false;
-    ForkList forks;
-    std::string error;
-};
+using Profile = MadeProfile;
 
-Profile profileOf(HFSPlusVolume& volume)
+template <typename Volume>
+Profile profileOf(Volume&& volume)
 {
-    std::unique_ptr<VZDefragError> error;
-    HFSPlusFileForkSet set(volume);
-    const auto profile = HFSPlusApplicationProfile::initWithVolume(volume, set, &error);
-    return {profile != nullptr, forksOf(set), error != nullptr ? error->description() : ""};
-}
-
-Profile profileOf(HFSPlusVolumeBuilder builder)
-{
-    const HFSPlusOpenedVolume volume(std::move(builder));
-    EXPECT_TRUE(volume) << volume.error();
-    return volume ? profileOf(*volume) : Profile{};
+    return makeProfile<HFSPlusApplicationProfile>(std::forward<Volume>(volume));
 }
 
 }  // namespace

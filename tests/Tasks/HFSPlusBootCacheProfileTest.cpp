@@ -6,6 +6,7 @@
 #include <functional>
 
 #include "HFSPlus/ForkList.h"
+#include "Tasks/ProfileMaking.h"
 #include "support/BootCachePlaylist.h"
 #include "support/HFSPlusOpenedVolume.h"
 #include "support/HFSPlusVolumeBuilderPatcher.h"
@@ -16,26 +17,12 @@ namespace {
 constexpr uint64_t kBlock = 4096;  // bytes
 constexpr uint64_t kMostBytes = 1048576;
 
-/** What making the profile came to. */
-struct Profile {
-    bool made = false;
-    ForkList forks;
-    std::string error;
-};
+using Profile = MadeProfile;
 
-Profile profileOf(HFSPlusVolume& volume)
+template <typename Volume>
+Profile profileOf(Volume&& volume)
 {
-    std::unique_ptr<VZDefragError> error;
-    HFSPlusFileForkSet set(volume);
-    const auto profile = HFSPlusBootCacheProfile::initWithVolume(volume, set, &error);
-    return {profile != nullptr, forksOf(set), error != nullptr ? error->description() : ""};
-}
-
-Profile profileOf(HFSPlusVolumeBuilder builder)
-{
-    const HFSPlusOpenedVolume volume(std::move(builder));
-    EXPECT_TRUE(volume) << volume.error();
-    return volume ? profileOf(*volume) : Profile{};
+    return makeProfile<HFSPlusBootCacheProfile>(std::forward<Volume>(volume));
 }
 
 /** Files a to c in blocks 300, 400 and 500, c also with a resource fork in block 510. */

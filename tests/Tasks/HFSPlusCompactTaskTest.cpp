@@ -7,6 +7,7 @@
 #include "support/HFSPlusDataOrder.h"
 #include "support/HFSPlusOpenedVolume.h"
 #include "support/HFSPlusVolumeBuilderPatcher.h"
+#include "support/MountedOpener.h"
 
 // COMPACT from its line to its last one.
 
@@ -122,21 +123,6 @@ std::string errorOfWords(Lines words)
     EXPECT_TRUE(volume.memory().hasSameBytesAs(*before));
     return output.error();
 }
-
-/** A device that counts as mounted. */
-class MountedOpener : public PlatformDeviceOpener {
-public:
-    explicit MountedOpener(const MemoryBlockDevice& device) : _device(device) {}
-    std::unique_ptr<PlatformBlockDevice> openDevice(const std::string& /*path*/, Mode /*mode*/,
-                                                    int& /*errorNumber*/) override
-    {
-        return _device.share();
-    }
-    MountState mountState(const std::string& /*path*/) override { return {true, false}; }
-
-private:
-    const MemoryBlockDevice& _device;
-};
 
 /** The blocks that a volume of this size uses without any file. */
 uint32_t blocksUsedWithoutFiles(uint32_t totalBlocks)

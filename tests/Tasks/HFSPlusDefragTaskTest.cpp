@@ -8,6 +8,7 @@
 #include "Tasks/DefragRun.h"
 #include "support/HFSPlusOpenedVolume.h"
 #include "support/HFSPlusVolumeBuilderPatcher.h"
+#include "support/MountedOpener.h"
 
 namespace {
 
@@ -29,21 +30,6 @@ std::string errorOfWords(std::vector<std::string> words)
     EXPECT_TRUE(output.isWhole());
     return output.error();
 }
-
-/** A device that counts as mounted. */
-class MountedOpener : public PlatformDeviceOpener {
-public:
-    explicit MountedOpener(const MemoryBlockDevice& device) : _device(device) {}
-    std::unique_ptr<PlatformBlockDevice> openDevice(const std::string& /*path*/, Mode /*mode*/,
-                                                    int& /*errorNumber*/) override
-    {
-        return _device.share();
-    }
-    MountState mountState(const std::string& /*path*/) override { return {true, false}; }
-
-private:
-    const MemoryBlockDevice& _device;
-};
 
 }  // namespace
 
