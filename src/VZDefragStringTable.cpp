@@ -1,35 +1,16 @@
 #include "VZDefragStringTable.h"
 
-#include <array>
-#include <fstream>
 #include <optional>
 #include <utility>
 
 #include "KLKit/KLStringUtilities.h"
+#include "Platform/PlatformFile.h"
 #include "Platform/PlatformPropertyList.h"
 
 namespace {
 
 constexpr size_t kMaximumFileSize = 4 << 20;         // bytes
 constexpr size_t kMaximumTranslationSize = 8 << 10;  // bytes, so that no line grows without bound
-
-/** Everything in the file; nothing when it cannot be read or is too large. */
-std::optional<std::string> contentsOfFile(const std::string& path)
-{
-    std::ifstream file(path, std::ios::binary);
-    std::string contents;
-    std::array<char, 65536> chunk;
-    // Until nothing more comes: the size of a pipe or a device says nothing.
-    while (file.good() && contents.size() <= kMaximumFileSize) {
-        file.read(chunk.data(), chunk.size());
-        contents.append(chunk.data(), static_cast<size_t>(file.gcount()));
-    }
-    // A folder opens like a file; only reading fails.
-    if (!file.eof() || file.bad() || contents.size() > kMaximumFileSize) {
-        return std::nullopt;
-    }
-    return contents;
-}
 
 bool isUsable(std::string_view translation)
 {
@@ -46,7 +27,7 @@ VZDefragStringTable::VZDefragStringTable(Translations translations)
 
 std::unique_ptr<VZDefragStringTable> VZDefragStringTable::initWithFile(const std::string& path)
 {
-    const std::optional<std::string> contents = contentsOfFile(path);
+    const std::optional<std::string> contents = PlatformContentsOfFile(path, kMaximumFileSize);
     if (!contents) {
         return nullptr;
     }

@@ -9,6 +9,7 @@ namespace {
 
 // Wide enough for every line of the program, small enough that no format fills the memory.
 constexpr size_t kMaximumFieldSize = 1024;
+constexpr size_t kMaximumTextSize = 4 << 20;  // bytes; nothing is filled in beyond
 constexpr size_t kMaximumDigits = 512;
 constexpr size_t kDefaultFractionDigits = 6;
 constexpr std::string_view kLengthModifiers = "hlqjztL";
@@ -63,7 +64,8 @@ Field fieldWithInteger(bool negative, uint64_t magnitude, const Placeholder& pla
 {
     Field field;
     const char conversion = placeholder.conversion;
-    if (conversion == 'c' && !negative && magnitude < 0x80) {
+    // A control character could end the line that the text goes into.
+    if (conversion == 'c' && !negative && magnitude >= 0x20 && magnitude < 0x7F) {
         field.body = std::string(1, static_cast<char>(magnitude));
         return field;
     }
@@ -198,7 +200,7 @@ private:
 
 std::string Formatter::run()
 {
-    while (_index < _format.size()) {
+    while (_index < _format.size() && _text.size() < kMaximumTextSize) {
         const size_t percent = std::min(_format.find('%', _index), _format.size());
         _text.append(_format.substr(_index, percent - _index));
         _index = percent;

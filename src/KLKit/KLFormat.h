@@ -38,7 +38,8 @@ private:
  *  Takes @ and s for texts, d i u x X o c p for numbers with any length modifier, f g e for
  *  doubles, flags, width and precision (also "*"). Formats may come from a translation and are
  *  only data: a placeholder without a fitting argument is copied out as it stands, an argument
- *  of another type is printed in its own natural form, widths are bounded, %n does nothing.
+ *  of another type is printed in its own natural form, widths and
+ *  the whole text are bounded, %n does nothing.
  */
 [[nodiscard]] std::string KLFormatArguments(std::string_view format,
                                             std::span<const KLFormatArgument> arguments);

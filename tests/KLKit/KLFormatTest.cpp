@@ -100,6 +100,8 @@ TEST(KLFormat, CharactersPrintAsThemselves)
 {
     EXPECT_EQ(KLFormatString("%c%c", 'a', 66), "aB");
     EXPECT_EQ(KLFormatString("%c", 1000), "1000");
+    EXPECT_EQ(KLFormatString("%c", 10), "10");
+    EXPECT_EQ(KLFormatString("%c", 127), "127");
 }
 
 TEST(KLFormat, AnEnormousWidthIsBounded)
@@ -159,6 +161,18 @@ TEST(KLFormat, TextsKeepTheirNulBytes)
     const std::string text("a\0b", 3);
 
     EXPECT_EQ(KLFormatString("%s", text), text);
+}
+
+TEST(KLFormat, ALongArgumentRepeatedDoesNotFillTheMemory)
+{
+    const std::string word(1 << 20, 'x');
+    std::string format;
+    for (int repeat = 0; repeat < 2000; ++repeat) {
+        format += "%1$@";
+    }
+
+    EXPECT_EQ(KLFormatString("%1$@", word), word);
+    EXPECT_EQ(KLFormatString(format, word).size(), size_t{4} << 20);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "VZDefragStringTable.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <cstdio>
 #include <fstream>
@@ -82,6 +83,15 @@ TEST(VZDefragStringTable, WhatCannotBeReadAsAPropertyListIsRefused)
     EXPECT_EQ(VZDefragStringTable::initWithFile(""), nullptr);
     EXPECT_EQ(VZDefragStringTable::initWithFile(testing::TempDir()), nullptr);
     EXPECT_EQ(VZDefragStringTable::initWithFile("/dev/zero"), nullptr);
+}
+
+TEST(VZDefragStringTable, APipeThatNobodyWritesToIsRefusedAtOnce)
+{
+    const std::string path = testing::TempDir() + "vzdefrag-table-pipe";
+    ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+
+    EXPECT_EQ(VZDefragStringTable::initWithFile(path), nullptr);
+    std::remove(path.c_str());
 }
 
 }  // namespace
