@@ -186,6 +186,9 @@ bool HFSPlusDefragTask::_prepareForRun(VZDefragErrorSlot error)
     // A profile may name the journal, whose place is known to more than the catalog.
     _removeImmutableForksFromProfiles();
     _span = std::make_unique<HFSPlusExtentMapBuilder>(_volume, *_immutableFileForks);
+    if (_spanMemory) {
+        _span->setSpanMemory(*_spanMemory);
+    }
     const uint32_t blockSize = _volume.hostVolumeHeader().blockSize;
     _copyBuffer = _copyBufferSize
                       ? HFSPlusCopyBuffer::initWithSize(*_copyBufferSize, blockSize, error)

@@ -21,6 +21,8 @@ public:
 
     /** Carries no more than @p size bytes a cycle, instead of what physical memory suggests. */
     void setCopyBufferSize(uint64_t size) { _copyBufferSize = size; }
+    /** Maps no more than @p bytes of memory hold at once, instead of what is usual. */
+    void setSpanMemory(uint64_t bytes) { _spanMemory = bytes; }
     /** Forks to lay down first, in order. */
     void setProfileFileForks(std::unique_ptr<HFSPlusFileForkSet> fileForks);
 
@@ -57,6 +59,7 @@ private:
     bool _useAppProfile = false;
     bool _useBootProfile = false;
     std::optional<uint64_t> _copyBufferSize;  // bytes
+    std::optional<uint64_t> _spanMemory;      // bytes
     std::unique_ptr<HFSPlusFileForkSet> _immutableFileForks;
     std::unique_ptr<HFSPlusFileForkSet> _profileFileForks;  // null when no profile applies
     std::unique_ptr<HFSPlusExtentMapBuilder> _span;

@@ -43,6 +43,9 @@ bool HFSPlusExtentMapBuilder::buildExtentMap(uint32_t firstBlock, VZDefragErrorS
     if (_extentMap == nullptr) {
         return false;
     }
+    if (_spanMemory) {
+        _extentMap->limitMemoryUsageTo(*_spanMemory);
+    }
     _extentMap->setClipDelegate(this);
     const bool filled = _fillExtentMap(error);
     _extentMap->setClipDelegate(nullptr);

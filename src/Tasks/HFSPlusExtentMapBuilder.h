@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <span>
 
 #include "HFSPlus/HFSPlusCatalogScanDelegate.h"
@@ -21,6 +22,8 @@ public:
     /** @p immutableFileForks never move and outlive the builder. */
     HFSPlusExtentMapBuilder(HFSPlusVolume& volume, const HFSPlusFileForkSet& immutableFileForks);
 
+    /** Lets maps grow to @p bytes while they are filled, instead of what is usual. */
+    void setSpanMemory(uint64_t bytes) { _spanMemory = bytes; }
     /** Replaces the map by a new span from @p firstBlock on. */
     [[nodiscard]] bool buildExtentMap(uint32_t firstBlock, VZDefragErrorSlot error = nullptr);
 
@@ -58,6 +61,7 @@ private:
     HFSPlusVolume& _volume;
     const HFSPlusFileForkSet& _immutableFileForks;
     std::unique_ptr<HFSPlusExtentMap> _extentMap;
+    std::optional<uint64_t> _spanMemory;  // bytes
     uint32_t _extentBlockCount = 0;
     uint32_t _extentNextStartBlock = 0;
     bool _badBlocksMapped = false;

@@ -13,6 +13,8 @@
 
 namespace {
 
+constexpr uint64_t kBytesPerRun = 32;  // of a map's memory
+
 /** What a checker of its own finds on a device. */
 struct Finding {
     explicit Finding(const MemoryBlockDevice& memory, const HFSPlusCheckOptions& options = {})
@@ -70,6 +72,7 @@ struct Case {
         const uint32_t most = random() % 3 != 0 ? 60 : volume.totalBlocks() / 3;
         options.bufferSize = uint64_t{1 + random() % most} * volume.blockSize();
         options.nodeCacheSize = random() % 4 == 0 ? 8192 : 0;
+        options.spanMemory = random() % 3 == 0 ? kBytesPerRun * (25 + random() % 60) : 0;
     }
 
     std::mt19937 random;
@@ -94,7 +97,7 @@ void forEachCase(uint32_t quickRounds, const TryCase& tryCase)
         }
         EXPECT_FALSE(testing::Test::HasFailure())
             << "seed " << round << ": " << given.volume.description() << ", buffer "
-            << given.options.bufferSize;
+            << given.options.bufferSize << ", span memory " << given.options.spanMemory;
     }
 }
 
@@ -232,8 +235,13 @@ TEST(RandomVolumes, AWholeCompactKeepsContentsAndOrderAndClosesEveryGap)
 
             const WatchedDefrag again = watchDefrag(*given.memory, given.options);
 
-            EXPECT_EQ(again.output.lines,
-                      (std::vector<std::string>{"COMPACT,START", "COMPACT,DONE"}));
+            // A span that ends before the next data does not tell that a hole is too small for
+            // them: what follows may then go out and come back.
+            if (given.options.spanMemory == 0) {
+                EXPECT_EQ(again.output.lines,
+                          (std::vector<std::string>{"COMPACT,START", "COMPACT,DONE"}));
+            }
+            EXPECT_EQ(Finding(*given.memory).result.forks, after.result.forks);
         }
     });
     EXPECT_GT(moving, testRounds(60) / 2);

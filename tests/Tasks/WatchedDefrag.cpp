@@ -86,6 +86,9 @@ WatchedDefrag watchDefrag(const MemoryBlockDevice& memory, const WatchedDefragOp
         options.faults(faults);
     }
     result.output = runDefrag(*volume, options.bufferSize, {options.command}, [&](auto& task) {
+        if (options.spanMemory != 0) {
+            task.setSpanMemory(options.spanMemory);
+        }
         if (options.abortAfter != 0) {
             watch->call = [&task] { task.abort(); };
             watch->callAt = watch->operations + options.abortAfter;

@@ -13,6 +13,7 @@ struct WatchedDefragOptions {
     std::string command = "DEFRAG";  // or COMPACT
     uint64_t bufferSize = 0;         // bytes
     uint64_t abortAfter = 0;         // device operations of the run, after which it is told to end
+    uint64_t spanMemory = 0;         // bytes of a map while it is filled; 0: as it is
     uint32_t nodeCacheSize = 0;      // bytes of each tree's cache; 0: as it is
     std::function<void(FaultyBlockDevice&)> faults = nullptr;  // asked for when the volume is open
 };
