@@ -4,17 +4,11 @@
 
 #include "HFSPlus/HFSPlusFileForkSet.h"
 #include "HFSPlus/HFSPlusVolume.h"
-#include "KLKit/KLToolTask.h"
+#include "VZDefragTask.h"
 
 namespace {
 
 constexpr std::string_view kPath = "/Applications";
-
-bool isAborted()
-{
-    const KLToolTask* const task = KLToolTask::currentToolTask();
-    return task != nullptr && task->aborted();
-}
 
 }  // namespace
 
@@ -38,8 +32,8 @@ bool HFSPlusApplicationProfile::_visitFolders(HFSPlusCatalog& catalog, uint32_t 
     _folderIDs = {folderID};
     _metFolders = {folderID};
     while (!_folderIDs.empty()) {
-        if (isAborted()) {
-            return VZDefragFailCancelled(error);
+        if (!VZDefragCheckNotAborted(error)) {
+            return false;
         }
         const uint32_t current = _folderIDs.back();
         _folderIDs.pop_back();

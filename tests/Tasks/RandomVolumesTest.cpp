@@ -112,6 +112,31 @@ void expectWorkDone(const std::string& command, const Case& given)
     }
 }
 
+/** Runs @p command whole on volumes of any layout; @p expectDone judges those with room for it. */
+template <typename ExpectDone>
+void tryWholeRuns(const std::string& command, uint32_t rounds, const ExpectDone& expectDone)
+{
+    uint32_t moving = 0;
+    uint32_t complete = 0;
+    forEachCase(rounds, [&](Case& given, const Finding& before) {
+        given.options.command = command;
+        const WatchedDefrag run = watchDefrag(*given.memory, given.options);
+
+        moving += run.output.moves().empty() ? 0 : 1;
+        complete += run.error().empty() ? 1 : 0;
+        EXPECT_TRUE(run.opened) << run.openError;
+        EXPECT_TRUE(run.output.isWhole());
+        EXPECT_FALSE(run.isEndless);
+        EXPECT_TRUE(run.error().empty() || saysTooLittleRoom(run.error())) << run.error();
+        expectSameVolume(before, *given.memory);
+        if (run.error().empty()) {
+            expectDone(given, before);
+        }
+    });
+    EXPECT_GT(moving, testRounds(rounds) / 2);
+    EXPECT_GT(complete, testRounds(rounds) / 2);
+}
+
 void tryRunsToldToEnd(const std::string& command, uint32_t rounds)
 {
     forEachCase(rounds, [&](Case& given, const Finding& before) {
@@ -193,59 +218,28 @@ void tryFailingWrites(const std::string& command, uint32_t rounds)
 
 TEST(RandomVolumes, AWholeDefragLeavesASoundVolumeOfTheSameContents)
 {
-    uint32_t moving = 0;
-    uint32_t complete = 0;
-    forEachCase(60, [&](Case& given, const Finding& before) {
-        const WatchedDefrag run = watchDefrag(*given.memory, given.options);
-
-        moving += run.output.moves().empty() ? 0 : 1;
-        complete += run.error().empty() ? 1 : 0;
-        EXPECT_TRUE(run.opened) << run.openError;
-        EXPECT_TRUE(run.output.isWhole());
-        EXPECT_FALSE(run.isEndless);
-        EXPECT_TRUE(run.error().empty() || saysTooLittleRoom(run.error())) << run.error();
-        expectSameVolume(before, *given.memory);
-        if (run.error().empty()) {
-            expectWorkDone("DEFRAG", given);
-        }
+    tryWholeRuns("DEFRAG", 60, [](const Case& given, const Finding& /*before*/) {
+        expectWorkDone("DEFRAG", given);
     });
-    EXPECT_GT(moving, testRounds(60) / 2);
-    EXPECT_GT(complete, testRounds(60) / 2);
 }
 
 TEST(RandomVolumes, AWholeCompactKeepsContentsAndOrderAndClosesEveryGap)
 {
-    uint32_t moving = 0;
-    uint32_t complete = 0;
-    forEachCase(60, [&](Case& given, const Finding& before) {
-        given.options.command = "COMPACT";
-        const WatchedDefrag run = watchDefrag(*given.memory, given.options);
+    tryWholeRuns("COMPACT", 60, [](const Case& given, const Finding& before) {
+        const Finding after(*given.memory);
+        EXPECT_EQ(after.order, before.order);
+        EXPECT_EQ(after.gaps, std::vector<HFSPlusCheckedExtent>());
 
-        moving += run.output.moves().empty() ? 0 : 1;
-        complete += run.error().empty() ? 1 : 0;
-        EXPECT_TRUE(run.opened) << run.openError;
-        EXPECT_TRUE(run.output.isWhole());
-        EXPECT_FALSE(run.isEndless);
-        EXPECT_TRUE(run.error().empty() || saysTooLittleRoom(run.error())) << run.error();
-        expectSameVolume(before, *given.memory);
-        if (run.error().empty()) {
-            const Finding after(*given.memory);
-            EXPECT_EQ(after.order, before.order);
-            EXPECT_EQ(after.gaps, std::vector<HFSPlusCheckedExtent>());
+        const WatchedDefrag again = watchDefrag(*given.memory, given.options);
 
-            const WatchedDefrag again = watchDefrag(*given.memory, given.options);
-
-            // A span that ends before the next data does not tell that a hole is too small for
-            // them: what follows may then go out and come back.
-            if (given.options.spanMemory == 0) {
-                EXPECT_EQ(again.output.lines,
-                          (std::vector<std::string>{"COMPACT,START", "COMPACT,DONE"}));
-            }
-            EXPECT_EQ(Finding(*given.memory).result.forks, after.result.forks);
+        // A span that ends before the next data does not tell that a hole is too small for them:
+        // what follows may then go out and come back.
+        if (given.options.spanMemory == 0) {
+            EXPECT_EQ(again.output.lines,
+                      (std::vector<std::string>{"COMPACT,START", "COMPACT,DONE"}));
         }
+        EXPECT_EQ(Finding(*given.memory).result.forks, after.result.forks);
     });
-    EXPECT_GT(moving, testRounds(60) / 2);
-    EXPECT_GT(complete, testRounds(60) / 2);
 }
 
 TEST(RandomVolumes, ADefragToldToEndLeavesASoundVolumeAndTheNextOneDoesTheRest)
