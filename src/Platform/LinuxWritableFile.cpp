@@ -1,0 +1,96 @@
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <filesystem>
+#include <utility>
+
+#include "Platform/LinuxDescriptor.h"
+#include "Platform/PlatformWritableFile.h"
+
+namespace {
+
+class LinuxWritableFile final : public PlatformWritableFile {
+public:
+    explicit LinuxWritableFile(LinuxDescriptor descriptor) : _descriptor(std::move(descriptor)) {}
+
+    int64_t readAt(void* buffer, size_t nbyte, uint64_t offset) override
+    {
+        return _resultOf(pread(_descriptor.number(), buffer, nbyte, static_cast<off_t>(offset)));
+    }
+
+    int64_t writeAt(const void* buffer, size_t nbyte, uint64_t offset) override
+    {
+        return _resultOf(pwrite(_descriptor.number(), buffer, nbyte, static_cast<off_t>(offset)));
+    }
+
+    int64_t size() override
+    {
+        struct stat status = {};
+        return fstat(_descriptor.number(), &status) == 0 ? status.st_size : -errno;
+    }
+
+    int setSize(uint64_t nbyte) override
+    {
+        return ftruncate(_descriptor.number(), static_cast<off_t>(nbyte)) == 0 ? 0 : errno;
+    }
+
+    int synchronize() override { return fdatasync(_descriptor.number()) == 0 ? 0 : errno; }
+
+private:
+    static int64_t _resultOf(ssize_t transferred) { return transferred < 0 ? -errno : transferred; }
+
+    LinuxDescriptor _descriptor;
+};
+
+LinuxDescriptor openRepeatedly(const std::string& path, int flags)
+{
+    int descriptor = -1;
+    do {
+        descriptor = open(path.c_str(), flags | O_CLOEXEC, S_IRUSR | S_IWUSR);
+    } while (descriptor < 0 && errno == EINTR);
+    return LinuxDescriptor(descriptor);
+}
+
+/** Makes the name @p path itself survive a power cut. */
+bool synchronizeFolderOf(const std::string& path)
+{
+    const std::filesystem::path folder = std::filesystem::path(path).parent_path();
+    const LinuxDescriptor descriptor =
+        openRepeatedly(folder.empty() ? "." : folder.string(), O_RDONLY | O_DIRECTORY);
+    // Some file systems cannot do this for a folder, and have no need to.
+    return descriptor && (fsync(descriptor.number()) == 0 || errno == EINVAL);
+}
+
+}  // namespace
+
+std::unique_ptr<PlatformWritableFile> PlatformOpenWritableFile(const std::string& path, bool create,
+                                                               int& errorNumber)
+{
+    // A write beyond the limit of this process is to fail, not to end it.
+    std::signal(SIGXFSZ, SIG_IGN);
+    // Should a fifo lie there, nobody waits for its peer.
+    LinuxDescriptor descriptor =
+        openRepeatedly(path, O_RDWR | O_NONBLOCK | O_NOCTTY | (create ? O_CREAT : 0));
+    struct stat status = {};
+    if (!descriptor || fstat(descriptor.number(), &status) != 0) {
+        errorNumber = errno;
+        return nullptr;
+    }
+    if (!S_ISREG(status.st_mode)) {
+        errorNumber = EINVAL;
+        return nullptr;
+    }
+    if (flock(descriptor.number(), LOCK_EX | LOCK_NB) != 0) {
+        errorNumber = errno == EWOULDBLOCK ? EBUSY : errno;
+        return nullptr;
+    }
+    if (create && !synchronizeFolderOf(path)) {
+        errorNumber = errno;
+        return nullptr;
+    }
+    return std::make_unique<LinuxWritableFile>(std::move(descriptor));
+}
