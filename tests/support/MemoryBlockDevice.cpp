@@ -8,9 +8,12 @@
 
 /** What all handles on one device share. */
 struct MemoryBlockDevice::Store {
+    using Pages = std::unordered_map<uint64_t, std::shared_ptr<Page>>;
+
     // Pages are shared with clones until one side writes, which makes cloning cheap enough to
     // repeat a whole operation once for each of its writes.
-    std::unordered_map<uint64_t, std::shared_ptr<Page>> pages;
+    Pages pages;
+    std::shared_ptr<const Pages> frozen = std::make_shared<Pages>();  // where pages has none
     uint64_t size = 0;
     bool writable = true;
     uint64_t readCount = 0;
@@ -19,20 +22,31 @@ struct MemoryBlockDevice::Store {
     std::vector<Operation> log;
     mutable std::mutex mutex;  // guards every field above
 
+    [[nodiscard]] const Page* page(uint64_t number) const;
     void read(uint8_t* target, size_t nbyte, uint64_t offset) const;
     void write(const uint8_t* source, size_t nbyte, uint64_t offset);
 };
+
+const MemoryBlockDevice::Page* MemoryBlockDevice::Store::page(uint64_t number) const
+{
+    const auto found = pages.find(number);
+    if (found != pages.end()) {
+        return found->second.get();
+    }
+    const auto kept = frozen->find(number);
+    return kept != frozen->end() ? kept->second.get() : nullptr;
+}
 
 void MemoryBlockDevice::Store::read(uint8_t* target, size_t nbyte, uint64_t offset) const
 {
     while (nbyte > 0) {
         const size_t start = static_cast<size_t>(offset % kPageSize);
         const size_t count = std::min(nbyte, kPageSize - start);
-        const auto found = pages.find(offset / kPageSize);
-        if (found == pages.end()) {
+        const Page* const bytes = page(offset / kPageSize);
+        if (bytes == nullptr) {
             std::memset(target, 0, count);
         } else {
-            std::memcpy(target, found->second->data() + start, count);
+            std::memcpy(target, bytes->data() + start, count);
         }
         target += count;
         offset += count;
@@ -45,13 +59,12 @@ void MemoryBlockDevice::Store::write(const uint8_t* source, size_t nbyte, uint64
     while (nbyte > 0) {
         const size_t start = static_cast<size_t>(offset % kPageSize);
         const size_t count = std::min(nbyte, kPageSize - start);
-        std::shared_ptr<Page>& page = pages[offset / kPageSize];
-        if (page == nullptr) {
-            page = std::make_shared<Page>();
-        } else if (page.use_count() > 1) {
-            page = std::make_shared<Page>(*page);
+        const Page* const old = page(offset / kPageSize);
+        std::shared_ptr<Page>& bytes = pages[offset / kPageSize];
+        if (bytes == nullptr || bytes.use_count() > 1) {
+            bytes = old != nullptr ? std::make_shared<Page>(*old) : std::make_shared<Page>();
         }
-        std::memcpy(page->data() + start, source, count);
+        std::memcpy(bytes->data() + start, source, count);
         source += count;
         offset += count;
         nbyte -= count;
@@ -147,8 +160,20 @@ std::unique_ptr<MemoryBlockDevice> MemoryBlockDevice::clone() const
     const std::lock_guard lock(_store->mutex);
     auto copy = std::make_unique<MemoryBlockDevice>(_store->size, _blockSize);
     copy->_store->pages = _store->pages;
+    copy->_store->frozen = _store->frozen;
     copy->_store->writable = _store->writable;
     return copy;
+}
+
+void MemoryBlockDevice::freeze()
+{
+    const std::lock_guard lock(_store->mutex);
+    auto all = std::make_shared<Store::Pages>(*_store->frozen);
+    for (const auto& [number, bytes] : _store->pages) {
+        (*all)[number] = bytes;
+    }
+    _store->frozen = std::move(all);
+    _store->pages.clear();
 }
 
 void MemoryBlockDevice::peek(void* buffer, size_t nbyte, uint64_t offset) const
@@ -182,15 +207,18 @@ bool MemoryBlockDevice::hasSameBytesAs(const MemoryBlockDevice& other) const
         return true;
     }
     const std::scoped_lock lock(_store->mutex, other._store->mutex);
-    const auto coveredBy = [](const Store& one, const Store& two) {
+    const auto areEqual = [&](const Store::Pages& pages) {
         const Page zeros{};
-        return std::ranges::all_of(one.pages, [&](const auto& item) {
-            const auto match = two.pages.find(item.first);
-            return *item.second == (match == two.pages.end() ? zeros : *match->second);
+        return std::ranges::all_of(pages, [&](const auto& item) {
+            const Page* const one = _store->page(item.first);
+            const Page* const two = other._store->page(item.first);
+            return (one != nullptr ? *one : zeros) == (two != nullptr ? *two : zeros);
         });
     };
-    return _store->size == other._store->size && coveredBy(*_store, *other._store) &&
-           coveredBy(*other._store, *_store);
+    const bool haveSameFrozen = _store->frozen == other._store->frozen;
+    return _store->size == other._store->size && areEqual(_store->pages) &&
+           areEqual(other._store->pages) &&
+           (haveSameFrozen || (areEqual(*_store->frozen) && areEqual(*other._store->frozen)));
 }
 
 uint64_t MemoryBlockDevice::size() const

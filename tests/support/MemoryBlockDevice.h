@@ -40,6 +40,9 @@ public:
     /** A device of its own with the bytes of now, an empty log and counters of 0. */
     [[nodiscard]] std::unique_ptr<MemoryBlockDevice> clone() const;
 
+    /** Makes clones cost no more than what changes from now on, here or there. */
+    void freeze();
+
     /** Another handle as duplicate() gives it, for a test that keeps looking at the device. */
     [[nodiscard]] std::unique_ptr<MemoryBlockDevice> share() const;
 
