@@ -17,6 +17,7 @@ constexpr uint32_t kMinimumChunkSize = 32768;  // bytes
 constexpr uint32_t kIdleChunksSize = 524288;   // bytes of unreferenced chunks kept
 constexpr uint64_t kWordBits = 64;
 constexpr std::string_view kBlockOutOfRange = "Allocation block %1$lu is out of range.";
+constexpr std::string_view kInconsistent = "Allocation file is inconsistent.";
 constexpr std::string_view kChunkOutOfRange = "Allocation chunk %1$lu is out of range.";
 
 // Chunks hold whole allocation blocks, so a chunk is a whole number of words. As a big-endian
@@ -103,7 +104,7 @@ std::unique_ptr<HFSPlusAllocation> HFSPlusAllocation::initWithVolume(HFSPlusVolu
     allocation->_chunkSize = std::max(header.blockSize, kMinimumChunkSize);
     allocation->_chunkCacheLimit = kIdleChunksSize / allocation->_chunkSize;
     if (!allocation->_holdsBlocks(header.totalBlocks)) {
-        std::ignore = VZDefragFail(error, "Allocation file is inconsistent.");
+        std::ignore = VZDefragFail(error, kInconsistent);
         return nullptr;
     }
     KLDebugLog(KLDebugLevel::kInfo, "Allocation size     = %@ (total blocks = %lu)\n",
@@ -118,6 +119,7 @@ HFSPlusAllocation::HFSPlusAllocation(HFSPlusVolume& volume)
 
 HFSPlusAllocation::~HFSPlusAllocation()
 {
+    dropDraft();
     while (const auto chunk = _chunkCache.tailObject()) {
         _cachedChunkDealloc(chunk);
     }
@@ -182,7 +184,7 @@ HFSPlusCachedChunk HFSPlusAllocation::cachedChunkWithChunkIndex(uint32_t index,
         if (entry.chunk->index() != index) {
             KLPanic("allocation chunk %lu found as chunk %lu\n", entry.chunk->index(), index);
         }
-        if (entry.refcnt == 0) {
+        if (entry.refcnt == 0 && !_isOfDraft(*entry.chunk)) {
             _chunkCache.dequeueObject(entry.chunk);
         }
         ++entry.refcnt;
@@ -207,7 +209,7 @@ void HFSPlusAllocation::cachedChunkRelease(HFSPlusAllocationChunk& chunk)
     }
     CacheEntry& entry = found->second;
     --entry.refcnt;
-    if (entry.refcnt == 0) {
+    if (entry.refcnt == 0 && !_isOfDraft(chunk)) {
         _chunkCache.enqueueHeadObject(entry.chunk);
         _trimChunkCache();
     }
@@ -323,6 +325,10 @@ bool HFSPlusAllocation::_markRun(uint32_t block, uint32_t count, VZDefragErrorSl
         }
         const uint64_t offset = current % chunkBits;
         const uint64_t part = std::min(count - processed, uint64_t{chunk->size()} * 8 - offset);
+        marked = !_isDraft || _takeIntoDraft(chunk, error);
+        if (!marked) {
+            break;
+        }
         if (markBits<kSet>(chunk->data(), offset, part)) {
             chunk->setDirty(true);
         }
@@ -331,8 +337,68 @@ bool HFSPlusAllocation::_markRun(uint32_t block, uint32_t count, VZDefragErrorSl
     // Counts what was asked for, not the bits that flipped: the extents decide who owns a block,
     // and a caller that repairs the bitmap only marks what differs. Wraps like the header's field.
     const auto delta = static_cast<uint32_t>(processed);
-    _volume.updateFreeBlocks(static_cast<int32_t>(kSet ? 0 - delta : delta));
+    if (_isDraft) {
+        _draftDelta += kSet ? 0 - delta : delta;
+    } else {
+        _volume.updateFreeBlocks(static_cast<int32_t>(kSet ? 0 - delta : delta));
+    }
     return marked;
+}
+
+bool HFSPlusAllocation::_isOfDraft(const HFSPlusAllocationChunk& chunk) const
+{
+    return _isDraft && chunk.dirty();
+}
+
+/** Makes @p chunk, which is referenced, one of those that a draft keeps. */
+bool HFSPlusAllocation::_takeIntoDraft(const HFSPlusCachedChunk& chunk, VZDefragErrorSlot error)
+{
+    if (chunk->dirty()) {
+        return true;
+    }
+    // Only a bitmap that contradicts the extents all over changes as much.
+    if (_draftChunks >= std::max<uint64_t>(kDraftLimit / _chunkSize, 1)) {
+        return VZDefragFail(error, kInconsistent);
+    }
+    ++_draftChunks;
+    chunk->setDirty(true);
+    return true;
+}
+
+void HFSPlusAllocation::beginDraft()
+{
+    // Taking the draft back must not take with it what is to be written anyway.
+    _isDraft = _isDraft || !isDirty();
+}
+
+void HFSPlusAllocation::keepDraft()
+{
+    if (!std::exchange(_isDraft, false)) {
+        return;
+    }
+    _draftChunks = 0;
+    for (const auto& [index, entry] : _chunkCacheTOC) {
+        if (entry.refcnt == 0 && entry.chunk->dirty()) {
+            _chunkCache.enqueueTailObject(entry.chunk);
+        }
+    }
+    _volume.updateFreeBlocks(static_cast<int32_t>(std::exchange(_draftDelta, 0)));
+}
+
+void HFSPlusAllocation::dropDraft()
+{
+    if (!_isDraft) {
+        return;
+    }
+    std::erase_if(_chunkCacheTOC, [](const auto& item) {
+        if (item.second.chunk->dirty() && item.second.refcnt != 0) {
+            KLPanic("allocation chunk %lu of a draft is referenced\n", item.first);
+        }
+        return item.second.chunk->dirty();
+    });
+    _isDraft = false;
+    _draftChunks = 0;
+    _draftDelta = 0;
 }
 
 bool HFSPlusAllocation::clear(uint32_t block, uint32_t count, VZDefragErrorSlot error)
@@ -347,6 +413,7 @@ bool HFSPlusAllocation::set(uint32_t block, uint32_t count, VZDefragErrorSlot er
 
 bool HFSPlusAllocation::flush()
 {
+    keepDraft();
     std::vector<std::shared_ptr<HFSPlusAllocationChunk>> chunks;
     for (const auto& [index, entry] : _chunkCacheTOC) {
         if (entry.chunk->dirty()) {

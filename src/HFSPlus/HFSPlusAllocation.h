@@ -63,8 +63,15 @@ public:
     [[nodiscard]] bool clear(uint32_t block, uint32_t count, VZDefragErrorSlot error);
     /** Marks the range used and lowers the free count in the same way. */
     [[nodiscard]] bool set(uint32_t block, uint32_t count, VZDefragErrorSlot error);
-    /** Writes every dirty chunk; goes on past failures. */
+    /** Writes every dirty chunk, those of a draft as well; goes on past failures. */
     [[nodiscard]] bool flush();
+    /** Keeps the changes from now on in memory, to be taken back by dropDraft(), and the free count
+     *  as it was, until keepDraft() or flush(). They fail with "Allocation file is inconsistent."
+     *  beyond kDraftLimit. A bitmap that has changes to write already makes no draft. */
+    void beginDraft();
+    void keepDraft();
+    void dropDraft();
+    static constexpr uint64_t kDraftLimit = 64 * 1024 * 1024;  // bytes of changed chunks
     /** Logs the range as a text of "0" and "1"; aborts when it cannot be read. */
     void dump(uint32_t block, uint32_t count);
 
@@ -114,12 +121,17 @@ private:
                                 VZDefragErrorSlot error);
     template <bool kSet>
     [[nodiscard]] bool _markRun(uint32_t block, uint32_t count, VZDefragErrorSlot error);
+    [[nodiscard]] bool _isOfDraft(const HFSPlusAllocationChunk& chunk) const;
+    [[nodiscard]] bool _takeIntoDraft(const HFSPlusCachedChunk& chunk, VZDefragErrorSlot error);
 
     uint32_t _chunkSize = 0;                      // bytes
     KLQueue<HFSPlusAllocationChunk> _chunkCache;  // unreferenced, latest released at the head
     std::unordered_map<uint32_t, CacheEntry> _chunkCacheTOC;
     uint64_t _chunkCacheLimit = 0;  // most unreferenced chunks; 0: no limit
     bool _holdsWrites = false;      // idle chunks that are dirty stay, beyond the limit if need be
+    bool _isDraft = false;          // dirty chunks stay out of the queue
+    uint64_t _draftChunks = 0;      // dirty ones
+    uint32_t _draftDelta = 0;       // free blocks more than the header says; wraps like its field
     std::vector<HFSPlusHostExtentDescriptor> _pinnedExtents;
     HFSPlusAllocationReadAhead* _readAhead = nullptr;  // not owned
 };

@@ -3,7 +3,7 @@
 #include "HFSPlus/HFSPlusBTreeFile.h"
 
 /** The attributes file (TN1150, "Attributes File"): opened so that its extents are known; its
- *  records are never read and its nodes never written. */
+ *  nodes are never written. */
 class HFSPlusAttributes : public HFSPlusBTreeFile {
 public:
     [[nodiscard]] static std::unique_ptr<HFSPlusAttributes> initWithVolume(HFSPlusVolume& volume,

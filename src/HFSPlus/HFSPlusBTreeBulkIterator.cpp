@@ -38,14 +38,15 @@ HFSPlusBTreeBulkIterator::HFSPlusBTreeBulkIterator(HFSPlusBTreeFile& btree)
     : _btree(btree),
       _nodesPerBuffer(nodesPerBuffer(btree.nodeSize())),
       _bufferSize(uint64_t{btree.nodeSize()} * _nodesPerBuffer),
-      _mapSize((uint64_t{btree.nodeCount()} + kNodesPerMapByte - 1) / kNodesPerMapByte)
+      _mapSize(std::min<uint64_t>(
+          (uint64_t{btree.nodeCount()} + kNodesPerMapByte - 1) / kNodesPerMapByte,
+          btree.freeNodeMap().size()))
 {
 }
 
 bool HFSPlusBTreeBulkIterator::_allocate(VZDefragErrorSlot error)
 {
     _buffer = _makeBuffer();
-    // Where the chain of map nodes ends early, the nodes it does not cover count as free.
     _mapData.reset(new (std::nothrow) uint8_t[_mapSize]());
     if (_buffer.data == nullptr || _mapData == nullptr) {
         return VZDefragFail(error, "Out of memory.");
@@ -94,21 +95,25 @@ bool HFSPlusBTreeBulkIterator::_copyMap(VZDefragErrorSlot error)
 
 bool HFSPlusBTreeBulkIterator::_isNodeInUse(uint32_t index) const
 {
-    const unsigned mask = 0x80U >> index % kNodesPerMapByte;
-    return (_mapData[index / kNodesPerMapByte] & mask) != 0;
+    const uint32_t byte = index / kNodesPerMapByte;
+    return byte < _mapSize && (_mapData[byte] & (0x80U >> index % kNodesPerMapByte)) != 0;
 }
 
-/** The first node in use from @p index on; the node count when there is none. */
+/** The first node in use from @p index on; the node count when there is none.
+ *
+ *  Where the chain of map nodes ends early, the nodes it does not cover count as free.
+ */
 uint32_t HFSPlusBTreeBulkIterator::_nodeInUseFrom(uint32_t index) const
 {
     const uint32_t nodeCount = _btree.nodeCount();
-    while (index < nodeCount && !_isNodeInUse(index)) {
+    const uint64_t end = std::min<uint64_t>(nodeCount, _mapSize * kNodesPerMapByte);
+    while (index < end && !_isNodeInUse(index)) {
         const bool isByteStart = index % kNodesPerMapByte == 0;
         const bool isByteClear = _mapData[index / kNodesPerMapByte] == 0;
         const uint32_t step = isByteStart && isByteClear ? kNodesPerMapByte : 1;
-        index += std::min(step, nodeCount - index);
+        index = static_cast<uint32_t>(std::min<uint64_t>(uint64_t{index} + step, end));
     }
-    return index;
+    return index < end ? index : nodeCount;
 }
 
 /** How many nodes a buffer holds that begins with node @p index. */

@@ -21,6 +21,10 @@ constexpr std::string_view kCounterMessage = "Overflow extents file is inconsist
 constexpr uint32_t kDefaultCacheSize = 8 * 1024 * 1024;  // bytes
 constexpr uint32_t kHeaderMapRecord = 2;                 // after header and user data record
 
+/** The most that is kept of a map: 268 million nodes, which is a catalog of a terabyte in the
+ *  smallest nodes that it may have. */
+constexpr size_t kMapLimit = 32 * 1024 * 1024;  // bytes
+
 }  // namespace
 
 HFSPlusBTreeFile::HFSPlusBTreeFile(HFSPlusVolume& volume, uint32_t fileID)
@@ -89,6 +93,7 @@ bool HFSPlusBTreeFile::_loadMapRecords(VZDefragErrorSlot error)
 {
     // A chain that comes back to a node would never end and take all memory for the map.
     std::unordered_set<uint32_t> visited;
+    _freeNodeMap.reserve(std::min<size_t>(nodeCount() / 8 + nodeSize(), kMapLimit));
     uint32_t index = 0;
     do {
         const std::string_view message = index == 0 ? kHeaderMessage : kMapMessage;
@@ -105,6 +110,9 @@ bool HFSPlusBTreeFile::_loadMapRecords(VZDefragErrorSlot error)
             return VZDefragFail(error, message);
         }
         const std::span<const uint8_t> bits = node->recordAtIndex(record);
+        if (bits.size() > kMapLimit - _freeNodeMap.size()) {
+            return VZDefragFail(error, kHeaderMessage);
+        }
         _freeNodeMap.insert(_freeNodeMap.end(), bits.begin(), bits.end());
         index = node->fLink();
     } while (index != 0);

@@ -69,6 +69,26 @@ struct HFSPlusAttrKeyHead {
     HFSPlusDiskOrder::UInt16 attrNameLength;  // UTF-16 units
 };
 static_assert(sizeof(HFSPlusAttrKeyHead) == 14);
+inline constexpr size_t kHFSPlusAttrMaxNameLength = 127;  // UTF-16 units
+
+/** Types of records of the attributes file. */
+enum : uint32_t { kHFSPlusAttrForkData = 0x20, kHFSPlusAttrExtents = 0x30 };
+
+/** An attribute with a fork of its own. */
+struct HFSPlusAttrForkDataRecord {
+    HFSPlusDiskOrder::UInt32 recordType;
+    HFSPlusDiskOrder::UInt32 reserved;
+    HFSPlusForkData fork;
+};
+static_assert(sizeof(HFSPlusAttrForkDataRecord) == 88);
+
+/** Further extents of such a fork. */
+struct HFSPlusAttrExtentsRecord {
+    HFSPlusDiskOrder::UInt32 recordType;
+    HFSPlusDiskOrder::UInt32 reserved;
+    HFSPlusExtentRecord extents;
+};
+static_assert(sizeof(HFSPlusAttrExtentsRecord) == 72);
 
 /** Key of a leaf record of the hot-files B-tree. */
 struct HFSPlusHotFileKey {

@@ -4,9 +4,11 @@
 #include <array>
 
 #include "HFSPlus/HFSPlusAllocation.h"
+#include "HFSPlus/HFSPlusAttributesScanner.h"
 #include "HFSPlus/HFSPlusExtents.h"
 #include "HFSPlus/HFSPlusForkExtents.h"
 #include "HFSPlus/HFSPlusFormatConversion.h"
+#include "HFSPlus/HFSPlusJournal.h"
 #include "HFSPlus/HFSPlusVolume.h"
 
 namespace {
@@ -26,9 +28,9 @@ bool HFSPlusBlockClaims::areExclusive(const HFSPlusForkExtents& fork)
     std::ranges::sort(_extents, {}, &HFSPlusHostExtentDescriptor::startBlock);
     _recordCount = 0;
     _isShared = false;
-    return _haveNoOverlaps() && _areMarkedUsed() && _avoidReservedAreas() && _avoidSpecialFiles() &&
-           _avoidBadBlocks() && _volume.scanCatalogFiles(*this, nullptr) && _recordCount == 1 &&
-           !_isShared;
+    return _haveNoOverlaps() && _areMarkedUsed() && _avoidReservedAreas() && _avoidJournal() &&
+           _avoidSpecialFiles() && _avoidBadBlocks() && _avoidAttributes() &&
+           _volume.scanCatalogFiles(*this, nullptr) && _recordCount == 1 && !_isShared;
 }
 
 /** Whether the file's ID leads to the very record that the file was found by. */
@@ -64,8 +66,28 @@ bool HFSPlusBlockClaims::_avoidReservedAreas() const
         static_cast<uint32_t>((kHFSPlusReservedAreaSize + header.blockSize - 1) / header.blockSize);
     const uint32_t alternateBlocks = header.blockSize <= 512 ? 2 : 1;
     return !_overlap({0, bootBlocks}) &&
-           !_overlap({header.totalBlocks - alternateBlocks, alternateBlocks}) &&
-           !(_volume.isJournaled() && _overlap({header.journalInfoBlock, 1}));
+           !_overlap({header.totalBlocks - alternateBlocks, alternateBlocks});
+}
+
+bool HFSPlusBlockClaims::_avoidJournal() const
+{
+    if (!_volume.isJournaled()) {
+        return true;
+    }
+    HFSPlusHostExtentDescriptor journal;
+    return !_overlap({_volume.hostVolumeHeader().journalInfoBlock, 1}) &&
+           HFSPlusJournal::copyExtent(journal, _volume, nullptr) && !_overlap(journal);
+}
+
+bool HFSPlusBlockClaims::_avoidAttributes() const
+{
+    bool isShared = false;
+    const auto visit = [&](const HFSPlusHostExtentDescriptor& extent, uint32_t /*fileID*/,
+                           VZDefragErrorSlot /*error*/) {
+        isShared = isShared || _overlap(extent);
+        return true;
+    };
+    return HFSPlusAttributesScanner(_volume).scanForkExtents(visit, nullptr) && !isShared;
 }
 
 bool HFSPlusBlockClaims::_avoidSpecialFiles() const

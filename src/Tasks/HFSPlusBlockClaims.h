@@ -29,8 +29,10 @@ private:
     [[nodiscard]] bool _haveNoOverlaps() const;
     [[nodiscard]] bool _areMarkedUsed() const;
     [[nodiscard]] bool _avoidReservedAreas() const;
+    [[nodiscard]] bool _avoidJournal() const;
     [[nodiscard]] bool _avoidSpecialFiles() const;
     [[nodiscard]] bool _avoidBadBlocks() const;
+    [[nodiscard]] bool _avoidAttributes() const;
     [[nodiscard]] bool _overlap(const HFSPlusHostExtentDescriptor& extent) const;
     [[nodiscard]] bool scanCatalogFile(const HFSPlusCatalogFile& file, std::span<const uint8_t> key,
                                        VZDefragErrorSlot error) override;

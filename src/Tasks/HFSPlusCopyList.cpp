@@ -86,6 +86,7 @@ bool HFSPlusCopyList::perform(HFSPlusExtentMap& map, bool countProgress, VZDefra
 
 bool HFSPlusCopyList::_perform(HFSPlusExtentMap& map, bool countProgress, VZDefragErrorSlot error)
 {
+    _volume.allocation().keepDraft();  // the first write comes now
     // What the disk holds is what gets copied: nothing of a special file may be waiting in memory
     // when its blocks are read, nor go to its old place once they were.
     if ((_volume.needsFlush() && !_volume.flush(error)) || !_checkExtentsFile(error)) {

@@ -5,6 +5,7 @@
 #include <string_view>
 #include <vector>
 
+#include "HFSPlus/HFSPlusBitmapDraft.h"
 #include "HFSPlus/HFSPlusForkExtents.h"
 #include "HFSPlus/HFSPlusVolume.h"
 #include "KLKit/KLDebug.h"
@@ -107,9 +108,16 @@ bool HFSPlusDefragTask::_moveData(VZDefragErrorSlot error)
     // Not sooner: while the task waits for the volume, another run may be changing the count.
     const HFSPlusHostVolumeHeader& header = _volume.hostVolumeHeader();
     _allocatedBlocks = header.totalBlocks - header.freeBlocks;
-    if ((!_compact && !_prepareProfiles(error)) || !_prepareForRun(error)) {
+    if (!_compact && !_prepareProfiles(error)) {
         return false;
     }
+    // A run that ends before it writes leaves the bitmap as it was.
+    const HFSPlusBitmapDraft draft(_volume.allocation());
+    return _prepareForRun(error) && _run(error) && _writeRepairs(error);
+}
+
+bool HFSPlusDefragTask::_run(VZDefragErrorSlot error)
+{
     if (_span->extentMap() == nullptr || _span->extentMap()->isEmpty()) {
         return true;
     }
@@ -117,6 +125,12 @@ bool HFSPlusDefragTask::_moveData(VZDefragErrorSlot error)
     const auto selection = _makeSelection();
     HFSPlusCopyEngine engine(_volume, *this, *_span, *selection, *_copyBuffer, *_progress);
     return engine.run(error);
+}
+
+/** Writes what was repaired in the bitmap when no move has led to that. */
+bool HFSPlusDefragTask::_writeRepairs(VZDefragErrorSlot error)
+{
+    return !_volume.allocation().isDirty() || _volume.flush(error);
 }
 
 std::unique_ptr<HFSPlusSourceSelection> HFSPlusDefragTask::_makeSelection()
@@ -145,19 +159,32 @@ bool HFSPlusDefragTask::_buildProfiles(VZDefragErrorSlot error)
         _profileFileForks = std::make_unique<HFSPlusFileForkSet>(_volume);
     }
     std::unique_ptr<VZDefragError> failure;  // a profile that is not made is none
-    if (_useBootProfile &&
-        HFSPlusBootCacheProfile::initWithVolume(_volume, *_profileFileForks, &failure) != nullptr) {
-        HFSPlusBootCacheProfile::reset(_volume);
-    }
+    const bool hasBootProfile =
+        _useBootProfile &&
+        HFSPlusBootCacheProfile::initWithVolume(_volume, *_profileFileForks, &failure) != nullptr;
     if (failure == nullptr && _useAppProfile) {
         std::ignore =
             HFSPlusApplicationProfile::initWithVolume(_volume, *_profileFileForks, &failure);
+    }
+    if (failure == nullptr && hasBootProfile) {
+        _resetBootProfile(&failure);
     }
     const bool built = failure == nullptr;
     if (!built && VZDefragWantsError(error)) {
         *error = std::move(failure);
     }
     return built;
+}
+
+/** Empties the playlist, which is the first that is written, once all else was found to be sound.
+ */
+void HFSPlusDefragTask::_resetBootProfile(VZDefragErrorSlot error)
+{
+    const HFSPlusBitmapDraft draft(_volume.allocation());
+    if (_makeSpan(error) && _lookAtAllSpans(error)) {
+        _volume.allocation().keepDraft();
+        HFSPlusBootCacheProfile::reset(_volume);
+    }
 }
 
 void HFSPlusDefragTask::_removeImmutableForksFromProfiles()
@@ -177,18 +204,28 @@ void HFSPlusDefragTask::_removeImmutableForksFromProfiles()
     _profileFileForks = movable->count() == 0 ? nullptr : std::move(movable);
 }
 
-bool HFSPlusDefragTask::_prepareForRun(VZDefragErrorSlot error)
+/** Makes what maps the volume; nothing is mapped yet. */
+bool HFSPlusDefragTask::_makeSpan(VZDefragErrorSlot error)
 {
+    _span.reset();  // refers to the set
     _immutableFileForks = _volume.immutableForkIDs(false, error);
     if (_immutableFileForks == nullptr) {
         return false;
     }
-    // A profile may name the journal, whose place is known to more than the catalog.
-    _removeImmutableForksFromProfiles();
     _span = std::make_unique<HFSPlusExtentMapBuilder>(_volume, *_immutableFileForks);
     if (_spanMemory) {
         _span->setSpanMemory(*_spanMemory);
     }
+    return true;
+}
+
+bool HFSPlusDefragTask::_prepareForRun(VZDefragErrorSlot error)
+{
+    if (!_makeSpan(error)) {
+        return false;
+    }
+    // A profile may name the journal, whose place is known to more than the catalog.
+    _removeImmutableForksFromProfiles();
     const uint32_t blockSize = _volume.hostVolumeHeader().blockSize;
     _copyBuffer = _copyBufferSize
                       ? HFSPlusCopyBuffer::initWithSize(*_copyBufferSize, blockSize, error)
@@ -208,18 +245,17 @@ bool HFSPlusDefragTask::_prepareForRun(VZDefragErrorSlot error)
  */
 bool HFSPlusDefragTask::_buildFirstSpan(VZDefragErrorSlot error)
 {
-    if (!_buildSpan(0, error)) {
-        return false;
+    return _lookAtAllSpans(error) &&
+           (_span->extentMap()->startBlock() == 0 || _buildSpan(0, error));
+}
+
+bool HFSPlusDefragTask::_lookAtAllSpans(VZDefragErrorSlot error)
+{
+    bool built = _buildSpan(0, error);
+    while (built && !_span->reachesVolumeEnd()) {
+        built = _buildSpan(_span->extentNextStartBlock(), error);
     }
-    if (_span->reachesVolumeEnd()) {
-        return true;
-    }
-    while (!_span->reachesVolumeEnd()) {
-        if (!_buildSpan(_span->extentNextStartBlock(), error)) {
-            return false;
-        }
-    }
-    return _buildSpan(0, error);
+    return built;
 }
 
 bool HFSPlusDefragTask::_buildSpan(uint32_t firstBlock, VZDefragErrorSlot error)

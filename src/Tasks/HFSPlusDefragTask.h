@@ -34,12 +34,17 @@ private:
     [[nodiscard]] bool _parseProfiles(const std::string& list, VZDefragErrorSlot error);
     [[nodiscard]] bool _checkVolume(VZDefragErrorSlot error) const;
     [[nodiscard]] bool _moveData(VZDefragErrorSlot error);
+    [[nodiscard]] bool _run(VZDefragErrorSlot error);
+    [[nodiscard]] bool _writeRepairs(VZDefragErrorSlot error);
     [[nodiscard]] std::unique_ptr<HFSPlusSourceSelection> _makeSelection();
     [[nodiscard]] bool _prepareProfiles(VZDefragErrorSlot error);
     [[nodiscard]] bool _buildProfiles(VZDefragErrorSlot error);
+    void _resetBootProfile(VZDefragErrorSlot error);
     void _removeImmutableForksFromProfiles();
+    [[nodiscard]] bool _makeSpan(VZDefragErrorSlot error);
     [[nodiscard]] bool _prepareForRun(VZDefragErrorSlot error);
     [[nodiscard]] bool _buildFirstSpan(VZDefragErrorSlot error);
+    [[nodiscard]] bool _lookAtAllSpans(VZDefragErrorSlot error);
     [[nodiscard]] bool _buildSpan(uint32_t firstBlock, VZDefragErrorSlot error);
     [[nodiscard]] bool _skipToDataBlocks(VZDefragErrorSlot error);
     [[nodiscard]] bool _skipWhatIsInPlace(VZDefragErrorSlot error);

@@ -2,14 +2,15 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
 #include <vector>
 
 #include "HFSPlus/HFSPlusAllocation.h"
+#include "HFSPlus/HFSPlusAttributesScanner.h"
 #include "HFSPlus/HFSPlusCatalog.h"
 #include "HFSPlus/HFSPlusExtents.h"
 #include "HFSPlus/HFSPlusForkExtents.h"
 #include "HFSPlus/HFSPlusFormatConversion.h"
+#include "HFSPlus/HFSPlusJournal.h"
 #include "HFSPlus/HFSPlusVolume.h"
 #include "KLKit/KLDebug.h"
 #include "VZDefragTask.h"
@@ -71,7 +72,7 @@ bool HFSPlusExtentMapBuilder::_fillExtentMap(VZDefragErrorSlot error)
         !_volume.scanCatalogFiles(*this, error)) {
         return false;
     }
-    return VZDefragCheckNotAborted(error) && _crossCheck(error);
+    return VZDefragCheckNotAborted(error) && _checkAttributeForks(error) && _crossCheck(error);
 }
 
 bool HFSPlusExtentMapBuilder::_insertReservedAreas(VZDefragErrorSlot error)
@@ -99,31 +100,14 @@ bool HFSPlusExtentMapBuilder::_insertJournal(VZDefragErrorSlot error)
     }
     const HFSPlusHostVolumeHeader& header = _volume.hostVolumeHeader();
     const uint32_t info = HFSPlusExtentInfo(kHFSPlusExtentImmutable, kHFSDataForkType);
-    const uint64_t infoOffset = uint64_t{header.journalInfoBlock} * header.blockSize;
     if (!_insertExtent(header.journalInfoBlock, 1, _fileIDOfPath("/.journal_info_block"), info,
                        error)) {
         return false;
     }
-    std::vector<uint8_t> bytes(
-        std::max<size_t>(_volume.deviceBlockSize(), sizeof(HFSPlusJournalInfoBlock)));
-    if (!_volume.read(bytes.data(), bytes.size(), infoOffset, error)) {
-        return false;
-    }
-    HFSPlusJournalInfoBlock journal;
-    std::memcpy(&journal, bytes.data(), sizeof journal);
-    if ((journal.flags & kHFSPlusJournalInFSMask) == 0) {
-        return true;
-    }
-    const uint64_t offset = journal.offset;
-    const uint64_t size = journal.size;
-    const uint64_t volumeSize = uint64_t{header.totalBlocks} * header.blockSize;
-    if (size > volumeSize || offset > volumeSize - size) {
-        return VZDefragFail(error, "Volume is inconsistent.");
-    }
-    const uint64_t count =
-        (size + header.blockSize - 1 + offset % header.blockSize) / header.blockSize;
-    return _insertExtent(static_cast<uint32_t>(offset / header.blockSize),
-                         static_cast<uint32_t>(count), _fileIDOfPath("/.journal"), info, error);
+    HFSPlusHostExtentDescriptor journal;
+    return HFSPlusJournal::copyExtent(journal, _volume, error) &&
+           (journal.blockCount == 0 || _insertExtent(journal.startBlock, journal.blockCount,
+                                                     _fileIDOfPath("/.journal"), info, error));
 }
 
 bool HFSPlusExtentMapBuilder::_insertBadBlocks(VZDefragErrorSlot error)
@@ -219,6 +203,60 @@ bool HFSPlusExtentMapBuilder::_insertForkExtents(const HFSPlusForkData& fork, ui
         }
     }
     return true;
+}
+
+/** Sees to it that the forks of extended attributes, whose records stay as they are, share no
+ *  blocks with others and are in use, so that the cross-check fences them off.
+ *
+ *  Once for each part of the volume is enough, since nothing ever moves onto them.
+ */
+bool HFSPlusExtentMapBuilder::_checkAttributeForks(VZDefragErrorSlot error)
+{
+    const uint64_t start = _extentMap->startBlock();
+    const uint64_t end = start + _extentMap->blockCount();
+    if (end <= _attributesCheckedTo) {
+        return true;
+    }
+    bool found = false;
+    const auto visit = [&](const HFSPlusHostExtentDescriptor& extent, uint32_t fileID,
+                           VZDefragErrorSlot slot) {
+        found = true;
+        return _checkAttributeExtent(extent, fileID, slot);
+    };
+    if (!HFSPlusAttributesScanner(_volume).scanForkExtents(visit, error)) {
+        return false;
+    }
+    if (!found) {
+        _attributesCheckedTo = UINT64_MAX;
+    } else if (start <= _attributesCheckedTo) {
+        _attributesCheckedTo = end;
+    }
+    return true;
+}
+
+bool HFSPlusExtentMapBuilder::_checkAttributeExtent(const HFSPlusHostExtentDescriptor& extent,
+                                                    uint32_t fileID, VZDefragErrorSlot error)
+{
+    const uint64_t end = uint64_t{extent.startBlock} + extent.blockCount;
+    if (end > _volume.hostVolumeHeader().totalBlocks) {
+        return VZDefragFail(error, "Volume is inconsistent.");
+    }
+    uint64_t block = std::max(extent.startBlock, _extentMap->startBlock());
+    uint32_t count = 0;
+    while (const HFSPlusExtentMapEntry* entry =
+               block < end ? _extentMap->findEntry(static_cast<uint32_t>(block), &count)
+                           : nullptr) {
+        const uint64_t entryEnd = uint64_t{entry->start} + count;
+        if (entry->type() == kHFSPlusExtentAllocated) {
+            // Fails with the message for blocks that are taken.
+            const auto shared = static_cast<uint32_t>(std::min(end, entryEnd) - block);
+            return _extentMap->insert(static_cast<uint32_t>(block), shared, fileID,
+                                      HFSPlusExtentInfo(kHFSPlusExtentImmutable, kHFSDataForkType),
+                                      error);
+        }
+        block = entryEnd;
+    }
+    return _checkUsedRun(extent.startBlock, extent.blockCount, error);
 }
 
 bool HFSPlusExtentMapBuilder::_insertExtent(uint32_t start, uint32_t count, uint32_t cnid,

@@ -464,6 +464,14 @@ TEST(HFSPlusBootCacheProfile, BlocksThatSomethingElseClaimsAreNotGivenUp)
     EXPECT_TRUE(claimed([](auto& builder) { builder.file("/x", 30).resource({{710, 1}}); }));
     EXPECT_TRUE(claimed([](auto& builder) { builder.file("/x", 30).data({{650, 100}}); }));
     EXPECT_TRUE(claimed([](auto& builder) { builder.badBlocks({{710, 1}}); }));
+    EXPECT_TRUE(claimed([](auto& builder) {
+        builder.file("/x", 30).forkAttribute("fork", {{690, 11}});
+    }));
+    EXPECT_FALSE(claimed([](auto& builder) { builder.journal(750, 20); }));
+    EXPECT_TRUE(claimed([](auto& builder) {
+        builder.journal(640, 20);
+        builder.damage(damagedJournalInfo("size", 61 * kBlock));
+    }));
     EXPECT_TRUE(claimed([](auto& builder) { builder.damage(damagedBitmap(710, 1, false)); }));
     EXPECT_TRUE(claimed([](auto& builder) { builder.startupExtents({{705, 10}}); }));
     EXPECT_TRUE(claimed([](auto& builder) {

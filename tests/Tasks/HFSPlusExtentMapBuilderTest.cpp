@@ -417,3 +417,46 @@ TEST(HFSPlusExtentMapBuilder, ABitmapThatCannotBeReadBehindTheSpanFailsTheBuild)
     EXPECT_FALSE(otherSpan.buildExtentMap(0));
     EXPECT_TRUE(other.faults().faultReached());
 }
+
+TEST(HFSPlusExtentMapBuilder, AForkThatSharesBlocksWithAnAttributeIsRefused)
+{
+    const auto errorWithAttribute = [](const HFSPlusBuilderExtents& extents) {
+        HFSPlusVolumeBuilder builder = plainVolume();
+        builder.unchecked();
+        builder.file("/f", 20).data({{300, 10}});
+        builder.file("/g", 21).data({{320, 1}}).forkAttribute("fork", extents);
+        const Span span(builder);
+        return span.built ? "" : span.error;
+    };
+
+    EXPECT_EQ(errorWithAttribute({{310, 5}}), "");
+    EXPECT_TRUE(errorWithAttribute({{400, 1}, {290, 12}})
+                    .starts_with("Invalid overlapping extent with start block = 300, block count "
+                                 "= 2, CNID 21"));
+    EXPECT_TRUE(errorWithAttribute({{309, 1}}).starts_with("Invalid overlapping extent"));
+    EXPECT_TRUE(errorWithAttribute({{900, 200}}).starts_with("Volume is inconsistent."));
+    // In an extents record of the attributes file.
+    HFSPlusBuilderExtents pieces;
+    for (uint32_t piece = 0; piece < 12; ++piece) {
+        pieces.push_back({500 + 2 * piece, 1});
+    }
+    EXPECT_EQ(errorWithAttribute(pieces), "");
+    pieces.back().startBlock = 305;
+    EXPECT_TRUE(errorWithAttribute(pieces).starts_with("Invalid overlapping extent"));
+}
+
+TEST(HFSPlusExtentMapBuilder, BlocksOfAttributesAreFencedOffAlsoWhereTheBitmapForgotThem)
+{
+    HFSPlusVolumeBuilder builder = plainVolume();
+    builder.file("/f", 20).data({{300, 10}}).forkAttribute("fork", {{400, 6}});
+    builder.damage(damagedBitmap(402, 2, false));
+    const Span span(builder);
+
+    ASSERT_TRUE(span.built) << span.error;
+    uint32_t set = 0;
+    ASSERT_TRUE(span.volume->allocation().isSet(400, 7, set, nullptr));
+    EXPECT_EQ(set, 6u);
+    for (uint32_t block = 400; block < 406; ++block) {
+        EXPECT_EQ(span.runAt(block).type, kHFSPlusExtentImmutable);
+    }
+}
