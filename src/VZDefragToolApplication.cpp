@@ -5,6 +5,7 @@
 #include <charconv>
 #include <cmath>
 #include <csignal>
+#include <cstdlib>
 #include <tuple>
 #include <utility>
 
@@ -245,6 +246,12 @@ bool VZDefragToolApplication::_openDevice(const Options& options, VZDefragErrorS
     }
     LinuxDeviceOpener opener;
     HFSPlusVolumeProber prober;
+    if (const char* path = std::getenv("VZDefragRollbackFile"); path != nullptr && *path != 0) {
+        prober.setRollbackFile(std::make_shared<HFSPlusRollbackFile>(
+            path, [path = std::string(path)](bool create, int& errorNumber) {
+                return PlatformOpenWritableFile(path, create, errorNumber);
+            }));
+    }
     _volume = VZDefragVolume::initWithDevice(options.positional.front(), opener, prober, error);
     return _volume != nullptr;
 }

@@ -435,6 +435,17 @@ bool HFSPlusAllocation::isDirty() const
                                [](const auto& item) { return item.second.chunk->dirty(); });
 }
 
+std::vector<HFSPlusByteRange> HFSPlusAllocation::_dirtyPieces() const
+{
+    std::vector<HFSPlusByteRange> pieces;
+    for (const auto& [index, entry] : _chunkCacheTOC) {
+        if (entry.chunk->dirty()) {
+            pieces.push_back({uint64_t{_chunkSize} * index, _chunkBytesInFile(index)});
+        }
+    }
+    return pieces;
+}
+
 void HFSPlusAllocation::setHoldsWrites(bool holds)
 {
     _holdsWrites = holds;

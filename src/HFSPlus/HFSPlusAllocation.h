@@ -98,6 +98,9 @@ public:
     void setPinnedExtents(std::vector<HFSPlusHostExtentDescriptor> extents);
     [[nodiscard]] uint64_t translateOffset(uint64_t& offset, VZDefragErrorSlot error) override;
 
+protected:
+    [[nodiscard]] std::vector<HFSPlusByteRange> _dirtyPieces() const override;
+
 private:
     friend class HFSPlusCachedChunk;
 

@@ -255,6 +255,25 @@ bool HFSPlusBTreeFile::writeNode(uint32_t index, const uint8_t* buffer, VZDefrag
     return true;
 }
 
+void HFSPlusBTreeFile::prepareToFlush()
+{
+    if (_updated) {
+        // flush() does it again, which finds nothing left to change, and judges a failure.
+        std::ignore = _updateHeaderAndMapRecords(nullptr);
+    }
+}
+
+std::vector<HFSPlusByteRange> HFSPlusBTreeFile::_dirtyPieces() const
+{
+    std::vector<HFSPlusByteRange> pieces;
+    for (const auto& [index, node] : _nodeCacheTOC) {
+        if (node->dirty()) {
+            pieces.push_back({uint64_t{nodeSize()} * index, nodeSize()});
+        }
+    }
+    return pieces;
+}
+
 bool HFSPlusBTreeFile::flush()
 {
     if (_updated) {

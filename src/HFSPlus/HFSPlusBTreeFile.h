@@ -62,6 +62,7 @@ public:
     [[nodiscard]] virtual bool flush();
 
     [[nodiscard]] bool isDirty() const override;
+    void prepareToFlush() override;
     void setHoldsWrites(bool holds) override;
 
 protected:
@@ -71,6 +72,7 @@ protected:
     void _clearTree();                  // depth, root, leaf count, first and last leaf become 0
     void _setRootLeaf(uint32_t index);  // the tree becomes this one leaf without records
 
+    [[nodiscard]] std::vector<HFSPlusByteRange> _dirtyPieces() const override;
     /** Whether somebody holds node @p index. */
     [[nodiscard]] bool _isReferenced(uint32_t index) const;
 

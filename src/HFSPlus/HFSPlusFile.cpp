@@ -6,6 +6,7 @@
 #include <new>
 #include <string_view>
 
+#include "HFSPlus/HFSPlusChangeMark.h"
 #include "HFSPlus/HFSPlusVolume.h"
 #include "KLKit/KLDebug.h"
 #include "VZDefragTransferQueue.h"
@@ -142,7 +143,8 @@ bool HFSPlusFile::write(const void* buffer, uint64_t nbyte, uint64_t offset,
         uint64_t volumeOffset = offset;
         const uint64_t contiguous = translateOffset(volumeOffset, error);
         const uint64_t piece = std::min(contiguous, nbyte);
-        if (piece == 0 || !_volume.write(source, piece, volumeOffset, error)) {
+        if (piece == 0 || !_prepareToWrite({volumeOffset, piece}, error) ||
+            !_volume.write(source, piece, volumeOffset, error)) {
             // The caller may drop the change that it could not write: no later one is safe.
             _volume.metadataWriteDidFail();
             return false;
@@ -152,4 +154,47 @@ bool HFSPlusFile::write(const void* buffer, uint64_t nbyte, uint64_t offset,
         nbyte -= piece;
     }
     return true;
+}
+
+/** Marks the volume, and has the old bytes kept of what is written, along with those of all that
+ *  will be written soon: a barrier for each piece would be too many. */
+bool HFSPlusFile::_prepareToWrite(const HFSPlusByteRange& range, VZDefragErrorSlot error)
+{
+    HFSPlusChangeMark& mark = _volume.changeMark();
+    if (!_volume.isWritable()) {
+        return true;  // the write itself says so
+    }
+    if (!mark.begin(error)) {
+        return false;
+    }
+    if (!mark.isProtected(range)) {
+        std::vector<HFSPlusByteRange> ranges = {range};
+        appendDirtyRanges(ranges);
+        if (!mark.protect(ranges, error)) {
+            return false;
+        }
+    }
+    mark.metadataWillBeWritten();
+    return true;
+}
+
+std::vector<HFSPlusByteRange> HFSPlusFile::_dirtyPieces() const
+{
+    return {};
+}
+
+void HFSPlusFile::appendDirtyRanges(std::vector<HFSPlusByteRange>& ranges)
+{
+    for (HFSPlusByteRange piece : _dirtyPieces()) {
+        while (piece.nbyte > 0) {
+            uint64_t volumeOffset = piece.offset;
+            const uint64_t nbyte = std::min(translateOffset(volumeOffset, nullptr), piece.nbyte);
+            if (nbyte == 0) {
+                break;  // which the write itself will meet
+            }
+            ranges.push_back({volumeOffset, nbyte});
+            piece.offset += nbyte;
+            piece.nbyte -= nbyte;
+        }
+    }
 }

@@ -4,7 +4,9 @@
 #include <functional>
 #include <memory>
 #include <tuple>
+#include <vector>
 
+#include "HFSPlus/HFSPlusByteRange.h"
 #include "HFSPlus/HFSPlusFormat.h"
 #include "VZDefragError.h"
 
@@ -48,10 +50,17 @@ public:
 
     /** Whether changes wait in memory for a flush. */
     [[nodiscard]] virtual bool isDirty() const { return false; }
+    /** Puts what waits outside of the file's own pieces into them. */
+    virtual void prepareToFlush() {}
+    /** Adds the bytes of the volume that a flush now would write. */
+    void appendDirtyRanges(std::vector<HFSPlusByteRange>& ranges);
     /** While set, nothing changed is written on eviction: caches grow past their limits instead. */
     virtual void setHoldsWrites(bool holds) { std::ignore = holds; }
 
 protected:
+    /** The changed pieces that are in memory, as ranges of the file. */
+    [[nodiscard]] virtual std::vector<HFSPlusByteRange> _dirtyPieces() const;
+
     HFSPlusVolume& _volume;
     const HFSPlusHostForkData* _hostForkData;  // the volume's own, never null
 
@@ -60,6 +69,7 @@ private:
      *  and their offset on the volume. */
     using RunReader = std::function<bool(uint8_t* buffer, uint64_t nbyte, uint64_t volumeOffset)>;
 
+    [[nodiscard]] bool _prepareToWrite(const HFSPlusByteRange& range, VZDefragErrorSlot error);
     [[nodiscard]] bool _isInRange(uint64_t nbyte, uint64_t offset) const;
     [[nodiscard]] bool _isWholeBlocks(uint64_t nbyte, uint64_t offset) const;
     [[nodiscard]] bool _readRuns(uint8_t* buffer, uint64_t nbyte, uint64_t offset,

@@ -11,6 +11,7 @@
 #include "HFSPlus/HFSPlusAttributes.h"
 #include "HFSPlus/HFSPlusCatalog.h"
 #include "HFSPlus/HFSPlusCatalogScanner.h"
+#include "HFSPlus/HFSPlusChangeMark.h"
 #include "HFSPlus/HFSPlusExtents.h"
 #include "HFSPlus/HFSPlusFileForkSet.h"
 #include "HFSPlus/HFSPlusFormatConversion.h"
@@ -21,7 +22,6 @@ namespace {
 
 constexpr std::string_view kSource = "HFSPlus/HFSPlusVolume.cpp";
 constexpr unsigned kUpdateForkExtentsLine = 327;
-constexpr std::string_view kWriteFailure = "Write failure.";
 constexpr std::string_view kOffsetOutOfRange = "Offset %1$llu is out of range for file ID %2$lu.";
 
 }  // namespace
@@ -34,12 +34,20 @@ struct HFSPlusVolume::CachedForkData {
 
 HFSPlusVolume::HFSPlusVolume(const VZDefragVolume& volume,
                              std::unique_ptr<PlatformBlockDevice> device)
-    : VZDefragVolume(volume, std::move(device)), _volumeSizeBytes(deviceSizeBytes())
+    : VZDefragVolume(volume, std::move(device)),
+      _changeMark(std::make_unique<HFSPlusChangeMark>(*this)),
+      _volumeSizeBytes(deviceSizeBytes())
 {
 }
 
 HFSPlusVolume::~HFSPlusVolume()
 {
+    if (_changeMark->isSet()) {
+        std::unique_ptr<VZDefragError> failure;
+        if (!finishChanges(&failure)) {
+            KLDebugLog(KLDebugLevel::kWarning, "%@\n", failure->description());
+        }
+    }
     // Special files write what is still dirty in their caches when they go, and find their extents
     // through the overflow file, which therefore goes last.
     _catalog.reset();
@@ -178,15 +186,15 @@ bool HFSPlusVolume::read(void* buffer, size_t nbyte, uint64_t offset, VZDefragEr
 bool HFSPlusVolume::write(const void* buffer, size_t nbyte, uint64_t offset,
                           VZDefragErrorSlot error)
 {
-    if (isWritable()) {
-        _willBumpWriteCount = true;
-    }
-    if (_writeFailed) {
-        return VZDefragFail(error, kWriteFailure);
-    }
     if (!_isInRange(nbyte, offset)) {
         return VZDefragFail(error, "Out of range write failed at offset %llu and size %lu.",
                             offset + _volumeStartOffset, nbyte);
+    }
+    if (isWritable()) {
+        if (!_changeMark->begin(error)) {
+            return false;
+        }
+        _willBumpWriteCount = true;
     }
     return VZDefragVolume::write(buffer, nbyte, offset + _volumeStartOffset, error);
 }
@@ -254,81 +262,4 @@ bool HFSPlusVolume::_isInVolume(const HFSPlusHostExtentDescriptor& extent) const
 bool HFSPlusVolume::scanCatalogFiles(HFSPlusCatalogScanDelegate& delegate, VZDefragErrorSlot error)
 {
     return HFSPlusCatalogScanner(*this).scanCatalogFiles(delegate, error);
-}
-
-bool HFSPlusVolume::needsFlush() const
-{
-    return _dirty || (_willBumpWriteCount && !_didBumpWriteCount) || _allocation->isDirty() ||
-           (_attributes != nullptr && _attributes->isDirty()) || _catalog->isDirty() ||
-           _extents->isDirty();
-}
-
-void HFSPlusVolume::metadataWriteDidFail()
-{
-    // While special files are flushed, the others still get their turn.
-    if (_isFlushing) {
-        _writeFailedInFlush = true;
-    } else {
-        _writeFailed = true;
-    }
-}
-
-bool HFSPlusVolume::flush(VZDefragErrorSlot error)
-{
-    if (_writeFailed) {
-        return VZDefragFail(error, kWriteFailure);
-    }
-    if (!_flushSpecialFiles()) {
-        // The header would name what is not on disk, and so would everything after it.
-        _writeFailed = true;
-        return VZDefragFail(error, kWriteFailure);
-    }
-    const bool headerChanged = std::exchange(_dirty, false);
-    _willBumpWriteCount = _willBumpWriteCount || headerChanged;
-    const bool bumps = _willBumpWriteCount && !_didBumpWriteCount;
-    if (bumps) {
-        ++_hostVolumeHeader.writeCount;
-        _didBumpWriteCount = true;
-    }
-    if (bumps || headerChanged) {
-        if (!synchronize(error)) {
-            _writeFailed = true;
-            return false;
-        }
-        _writeHeaders(headerChanged);
-    }
-    // The header is durable before anybody writes to a block that it no longer counts as used.
-    if (!synchronize(error)) {
-        _writeFailed = true;
-        return false;
-    }
-    return true;
-}
-
-bool HFSPlusVolume::_flushSpecialFiles()
-{
-    _isFlushing = true;
-    bool flushed = _allocation->flush();
-    flushed = (_attributes == nullptr || _attributes->flush()) && flushed;
-    flushed = _catalog->flush() && flushed;
-    flushed = _extents->flush() && flushed;
-    _isFlushing = false;
-    return flushed && !_writeFailedInFlush;
-}
-
-void HFSPlusVolume::_writeHeaders(bool headerChanged)
-{
-    const HFSPlusVolumeHeader header = diskOrder(_hostVolumeHeader);
-    std::unique_ptr<VZDefragError> failure;
-    if (!write(&header, sizeof header, kHFSPlusVolumeHeaderOffset, &failure)) {
-        // The verdict of the flush stays what it is. But the header on disk may still lead to the
-        // old places of special files, so nothing may be written there any more.
-        _writeFailed = headerChanged;
-    } else if (headerChanged) {
-        std::ignore =
-            write(&header, sizeof header, _volumeSizeBytes - kHFSPlusVolumeHeaderOffset, &failure);
-    }
-    if (failure != nullptr) {
-        KLDebugLog(KLDebugLevel::kWarning, "%@\n", failure->description());
-    }
 }

@@ -15,13 +15,15 @@ class HFSPlusAllocation;
 class HFSPlusAttributes;
 class HFSPlusCatalog;
 class HFSPlusCatalogScanDelegate;
+class HFSPlusChangeMark;
 class HFSPlusExtents;
 class HFSPlusFileForkSet;
 
 /** One HFS Plus or HFSX volume on an open device.
  *
  *  Offsets of read and write are bytes from the start of the HFS Plus volume, wrapped or not.
- *  Metadata changes stay in memory until flush(). Used by the one thread that holds the gate.
+ *  Metadata changes stay in memory until flush(). From the first write until finishChanges(), the
+ *  volume on disk is marked as not cleanly unmounted. Used by the one thread that holds the gate.
  */
 class HFSPlusVolume : public VZDefragVolume {
 public:
@@ -46,16 +48,16 @@ public:
     [[nodiscard]] HFSPlusAttributes* attributes() const { return _attributes.get(); }
     [[nodiscard]] HFSPlusCatalog& catalog() const { return *_catalog; }
     [[nodiscard]] HFSPlusExtents& extents() const { return *_extents; }
+    [[nodiscard]] HFSPlusChangeMark& changeMark() const { return *_changeMark; }
     [[nodiscard]] uint64_t volumeSizeBytes() const { return _volumeSizeBytes; }
-
     /** Held by whoever moves data, from the first look at the volume to the last write. */
     [[nodiscard]] KLThreadGate& movingGate() { return _movingGate; }
 
     [[nodiscard]] bool isSpecialFile(uint32_t fileID) const;
     /** Live fork data of a special or cached file, or null. */
     [[nodiscard]] HFSPlusHostForkData* hostForkData(uint32_t fileID);
-    /** Keeps a copy of an ordinary file's fork data for files opened by ID, in one place until it
-     *  has been uncached as often as it was cached (HFSPlusCachedForkData). */
+    /** Keeps a copy of an ordinary file's fork data, in one place until it has been uncached as
+     *  often as it was cached (HFSPlusCachedForkData). */
     void cacheHostForkData(const HFSPlusHostForkData& forkData, uint32_t fileID);
     void uncacheHostForkData(uint32_t fileID);
     /** Replaces the eight extents that the header holds of a special file. */
@@ -83,7 +85,7 @@ public:
     [[nodiscard]] uint64_t translateOffsetInExtents(
         uint64_t& offset, std::span<const HFSPlusHostExtentDescriptor> extents, uint32_t firstBlock,
         const HFSPlusHostForkData& forkData) const;
-    /** Hands every file record of the catalog to @p delegate. */
+    // Hands every file record of the catalog to the delegate.
     [[nodiscard]] bool scanCatalogFiles(HFSPlusCatalogScanDelegate& delegate,
                                         VZDefragErrorSlot error);
     /** Whether flush() would write anything. */
@@ -96,6 +98,8 @@ public:
     [[nodiscard]] bool flush(VZDefragErrorSlot error);
     /** A change to a special file did not reach the disk and may be lost: ends all writing. */
     void metadataWriteDidFail();
+    /** Writes what is left to write and takes the mark away, if the volume on disk is whole. */
+    [[nodiscard]] bool finishChanges(VZDefragErrorSlot error);
     // Diagnostic aids, at level debug.
     [[nodiscard]] bool dumpFileExtents(const HFSPlusHostCatalogFile& file, VZDefragErrorSlot error);
     [[nodiscard]] bool dumpFileExtentsOverflows(const HFSPlusHostCatalogFile& file,
@@ -106,11 +110,6 @@ public:
 
 private:
     struct CachedForkData;
-    struct MetadataZone {
-        uint32_t startBlock = 0;
-        uint32_t blockCount = 0;  // 0: no zone
-    };
-
     HFSPlusVolume(const VZDefragVolume& volume, std::unique_ptr<PlatformBlockDevice> device);
 
     [[nodiscard]] bool _readVolumeHeader(VZDefragErrorSlot error);
@@ -126,6 +125,7 @@ private:
     [[nodiscard]] bool _isInRange(size_t nbyte, uint64_t offset) const;
     [[nodiscard]] bool _flushSpecialFiles();
     void _writeHeaders(bool headerChanged);
+    [[nodiscard]] bool _prepareToFlush(VZDefragErrorSlot error);
 
     KLThreadGate _movingGate;
     HFSPlusHostVolumeHeader _hostVolumeHeader = {};
@@ -138,12 +138,12 @@ private:
     bool _dirty = false;
     bool _isFlushing = false;  // special files are being flushed
     bool _writeFailedInFlush = false;
-    std::atomic<bool> _writeFailed = false;  // what is on disk may be incomplete
+    std::unique_ptr<HFSPlusChangeMark> _changeMark;
     std::unique_ptr<HFSPlusExtents> _extents;
     std::unique_ptr<HFSPlusAllocation> _allocation;
     std::unique_ptr<HFSPlusAttributes> _attributes;  // null without an attributes file
     std::unique_ptr<HFSPlusCatalog> _catalog;
-    MetadataZone _metadata;
+    HFSPlusHostExtentDescriptor _metadata = {};  // the zone; no blocks: there is none
     std::unordered_map<uint32_t, std::unique_ptr<CachedForkData>> _hostForkDataCache;
     uint64_t _volumeStartOffset = 0;  // bytes into the device
     uint64_t _volumeSizeBytes = 0;

@@ -10,6 +10,7 @@
 #include "HFSPlus/HFSPlusAllocation.h"
 #include "HFSPlus/HFSPlusAttributes.h"
 #include "HFSPlus/HFSPlusCatalog.h"
+#include "HFSPlus/HFSPlusChangeMark.h"
 #include "HFSPlus/HFSPlusExtents.h"
 #include "HFSPlus/HFSPlusFormatConversion.h"
 #include "KLKit/KLDebug.h"
@@ -162,6 +163,7 @@ bool HFSPlusVolume::_readVolumeHeader(VZDefragErrorSlot error)
         }
     }
     _hostVolumeHeader = hostOrder(sector.header());
+    _changeMark->setVolume(_volumeStartOffset, _volumeSizeBytes, sector.header());
     return true;
 }
 

@@ -1,3 +1,5 @@
+#include "Platform/PlatformWritableFile.h"
+
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -9,7 +11,6 @@
 #include <utility>
 
 #include "Platform/LinuxDescriptor.h"
-#include "Platform/PlatformWritableFile.h"
 
 namespace {
 

@@ -32,6 +32,12 @@ public:
 
     /** Returns 0 once all earlier changes are durable, else an errno value. */
     [[nodiscard]] virtual int synchronize() = 0;
+
+    /** All of @p nbyte bytes, repeating what was interrupted: 0 or an errno value. Fewer bytes are
+     *  EIO when reading and ENOSPC when writing. */
+    [[nodiscard]] int readWhole(void* buffer, size_t nbyte, uint64_t offset);
+    [[nodiscard]] int writeWhole(const void* buffer, size_t nbyte, uint64_t offset);
+    [[nodiscard]] int synchronizeWhole();
 };
 
 /** Opens one certain file. Without @p create, null with ENOENT where there is none. */

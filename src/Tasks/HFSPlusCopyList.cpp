@@ -7,6 +7,7 @@
 
 #include "HFSPlus/HFSPlusAllocation.h"
 #include "HFSPlus/HFSPlusCatalog.h"
+#include "HFSPlus/HFSPlusChangeMark.h"
 #include "HFSPlus/HFSPlusExtents.h"
 #include "HFSPlus/HFSPlusVolume.h"
 #include "Tasks/HFSPlusCopyBuffer.h"
@@ -19,6 +20,7 @@ namespace {
 constexpr const char* kSource = "Tasks/HFSPlusCopyList.cpp";
 constexpr unsigned kLineListBeyondBuffer = 61;
 constexpr unsigned kLineDestinationInUse = 152;
+constexpr unsigned kLineUnflushedBitmap = 153;
 
 /** No checker accepts an extents overflow file with overflow records of its own. */
 constexpr uint32_t kMostExtentsOfExtentsFile = kHFSPlusExtentDensity;
@@ -98,7 +100,8 @@ bool HFSPlusCopyList::_perform(HFSPlusExtentMap& map, bool countProgress, VZDefr
         return false;
     }
     _volume.yieldGate();
-    if (!_checkDestinations(error) || !_writeData(error) || !_volume.synchronize(error)) {
+    if (!_checkDestinations(error) || !_volume.changeMark().begin(error) || !_writeData(error) ||
+        !_volume.synchronize(error)) {
         return false;
     }
     _volume.yieldGate();
@@ -149,6 +152,11 @@ std::vector<HFSPlusHeldWrites> HFSPlusCopyList::_holdSpecialFiles()
 
 bool HFSPlusCopyList::_checkDestinations(VZDefragErrorSlot error)
 {
+    // What the bitmap in memory calls free must be free on disk as well: after a power cut, the
+    // volume as it was at the last complete flush is what there is.
+    if (_volume.needsFlush()) {
+        return VZDefragFailInternal(error, kSource, kLineUnflushedBitmap);
+    }
     return _forEachRun(
         &HFSPlusCopyEntry::destination, [&](uint32_t block, uint32_t count, uint64_t /*offset*/) {
             uint32_t clear = 0;

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "HFSPlus/HFSPlusBitmapDraft.h"
+#include "HFSPlus/HFSPlusChangeMark.h"
 #include "HFSPlus/HFSPlusForkExtents.h"
 #include "HFSPlus/HFSPlusVolume.h"
 #include "KLKit/KLDebug.h"
@@ -48,7 +49,12 @@ void HFSPlusDefragTask::_defrag()
         // else's moves may make untrue.
         const KLClosedGate movingGate(_volume.movingGate());
         const KLClosedGate gate(_volume.gate());
-        std::ignore = _moveData(&error);  // the error says it all
+        const bool moved = _moveData(&error);
+        // A run that was refused before it wrote anything leaves no trace, repairs of the bitmap
+        // included.
+        if (moved || _volume.changeMark().isSet()) {
+            std::ignore = _volume.finishChanges(&error);
+        }
         _copyBuffer.reset();
     }
     reportTaskError(error.get());

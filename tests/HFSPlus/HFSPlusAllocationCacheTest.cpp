@@ -185,6 +185,7 @@ TEST(HFSPlusAllocation, FlushWritesDirtyChunksOnlyAndKeepsThemCached)
 {
     HFSPlusOpenedVolume opened(volumeOfChunks(4));
     ASSERT_TRUE(opened) << opened.error();
+    opened.beginChanges();
     HFSPlusAllocation& allocation = opened->allocation();
     for (const uint32_t index : {3u, 0u, 1u}) {
         touch(allocation, index);
@@ -219,6 +220,7 @@ TEST(HFSPlusAllocation, FlushGoesOnPastAChunkThatFails)
 {
     HFSPlusOpenedVolume opened(volumeOfChunks(3));
     ASSERT_TRUE(opened) << opened.error();
+    opened.beginChanges();
     HFSPlusAllocation& allocation = opened->allocation();
     for (uint32_t index = 0; index < 3; ++index) {
         dirty(allocation, index);
@@ -238,6 +240,7 @@ TEST(HFSPlusAllocation, EvictionWritesADirtyChunk)
 {
     HFSPlusOpenedVolume opened(volumeOfChunks(18));
     ASSERT_TRUE(opened) << opened.error();
+    opened.beginChanges();
     HFSPlusAllocation& allocation = opened->allocation();
     dirty(allocation, 0);
 
@@ -253,6 +256,7 @@ TEST(HFSPlusAllocation, EvictionThatCannotWriteDropsTheChunkAndTheVolumeWritesNo
 {
     HFSPlusOpenedVolume opened(volumeOfChunks(18));
     ASSERT_TRUE(opened) << opened.error();
+    opened.beginChanges();
     HFSPlusAllocation& allocation = opened->allocation();
     dirty(allocation, 0);
     opened.faults().fail(FaultyBlockDevice::Operation::kWrite, 1, EIO);
@@ -302,6 +306,7 @@ TEST(HFSPlusAllocation, HeldWritesKeepDirtyChunksInMemoryBeyondTheLimit)
 {
     HFSPlusOpenedVolume opened(volumeOfChunks(40));
     ASSERT_TRUE(opened) << opened.error();
+    opened.beginChanges();
     HFSPlusAllocation& allocation = opened->allocation();
     {
         const HFSPlusHeldWrites held(allocation);

@@ -17,7 +17,7 @@ protected:
     {
         EXPECT_TRUE(opened) << opened.error();
         chunk = HFSPlusAllocationChunk::initWithAllocation(opened->allocation(), 0, nullptr);
-        opened.memory().clearOperations();
+        opened.beginChanges();
     }
 
     HFSPlusOpenedVolume opened;

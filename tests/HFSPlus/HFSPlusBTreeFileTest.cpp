@@ -46,7 +46,8 @@ void take(HFSPlusBTreeFile& btree, uint32_t index)
 
 TEST(HFSPlusBTreeFile, The2049thUnreferencedNodeOf4KiBEvictsTheLeastRecentlyReleasedOne)
 {
-    const HFSPlusOpenedVolume volume(volumeWithFreeNodes(2100));
+    HFSPlusOpenedVolume volume(volumeWithFreeNodes(2100));
+    volume.beginChanges();
     HFSPlusExtents& btree = volume->extents();
     const HFSPlusCachedNode header = btree.cachedNodeWithIndex(0, {}, nullptr);
     touch(btree, 1);
@@ -289,7 +290,8 @@ TEST(HFSPlusBTreeFile, TreeDepthStopsAtTheNumberOfNodes)
 
 TEST(HFSPlusBTreeFile, FlushingWithAnUnchangedHeaderRewritesNoHeaderNode)
 {
-    const HFSPlusOpenedVolume volume(volumeWithFreeNodes(20));
+    HFSPlusOpenedVolume volume(volumeWithFreeNodes(20));
+    volume.beginChanges();
     HFSPlusExtents& btree = volume->extents();
     touch(btree, 1);
     ASSERT_TRUE(btree.isDirty());
@@ -305,7 +307,8 @@ TEST(HFSPlusBTreeFile, FlushingWithAnUnchangedHeaderRewritesNoHeaderNode)
 
 TEST(HFSPlusBTreeFile, FlushWritesDirtyNodesInAscendingOrder)
 {
-    const HFSPlusOpenedVolume volume(volumeWithFreeNodes(20));
+    HFSPlusOpenedVolume volume(volumeWithFreeNodes(20));
+    volume.beginChanges();
     HFSPlusExtents& btree = volume->extents();
     const HFSPlusCachedNode referenced = btree.cachedNodeWithIndex(11, {}, nullptr);
     referenced->setDirty(true);
@@ -321,6 +324,7 @@ TEST(HFSPlusBTreeFile, FlushWritesDirtyNodesInAscendingOrder)
 TEST(HFSPlusBTreeFile, MapBitsBeyondTheHeaderNodeReachTheirMapNode)
 {
     HFSPlusOpenedVolume volume(volumeWithFreeNodes(5000, 512));
+    volume.beginChanges();
     HFSPlusExtents& btree = volume->extents();
     const uint32_t freeNodes = btree.freeNodes();
     const uint32_t firstMapNode = btree.cachedNodeWithIndex(0, {}, nullptr)->fLink();
@@ -337,7 +341,8 @@ TEST(HFSPlusBTreeFile, MapBitsBeyondTheHeaderNodeReachTheirMapNode)
 
 TEST(HFSPlusBTreeFile, AWriteThatFailsInAFlushIsLoggedAndNotTriedAgain)
 {
-    const HFSPlusOpenedVolume volume(volumeWithFreeNodes(20));
+    HFSPlusOpenedVolume volume(volumeWithFreeNodes(20));
+    volume.beginChanges();
     HFSPlusExtents& btree = volume->extents();
     touch(btree, 3);
     touch(btree, 4);
@@ -396,7 +401,8 @@ TEST(HFSPlusBTreeFile, GivenBytesMakeANodeOnlyWhenItIsNotCached)
 
 TEST(HFSPlusBTreeFile, WhileWritesAreHeldOnlyCleanNodesLeaveTheCache)
 {
-    const HFSPlusOpenedVolume volume(volumeWithFreeNodes(40));
+    HFSPlusOpenedVolume volume(volumeWithFreeNodes(40));
+    volume.beginChanges();
     HFSPlusExtents& btree = volume->extents();
     btree.setNodeCacheSize(4 * btree.nodeSize());
     {

@@ -188,6 +188,7 @@ TEST_F(HFSPlusFileTest, SumOfOffsetAndCountDoesNotWrap)
 
 TEST_F(HFSPlusFileTest, WriteAcrossExtentsReachesEachAndNothingElse)
 {
+    opened.beginChanges();
     HFSPlusFile file(*opened, kMovie);
     std::vector<uint8_t> bytes(2 * kBlockSize);
     std::iota(bytes.begin(), bytes.end(), uint8_t{3});
@@ -266,6 +267,7 @@ TEST_F(HFSPlusFileTest, PieceBehindARunThatEndsInsideABlockIsAnInternalError)
 
 TEST_F(HFSPlusFileTest, WriteThatFailedOnItsWayEndsAllWriting)
 {
+    opened.beginChanges();
     HFSPlusFile file(*opened, kMovie);
     const std::vector<uint8_t> bytes(kBlockSize);
     opened.faults().fail(FaultyBlockDevice::Operation::kWrite, 1, EIO);

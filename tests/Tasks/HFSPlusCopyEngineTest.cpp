@@ -183,8 +183,11 @@ TEST(HFSPlusCopyEngine, DataAreDurableBeforeRecordsAndSpecialFilesBeforeTheHeade
         }
     }
     EXPECT_EQ(since, "");
-    ASSERT_EQ(writes.size() % 3, 0u);
-    for (size_t cycle = 0; cycle < writes.size(); cycle += 3) {
+    // The mark comes first and goes last.
+    ASSERT_EQ(writes.size() % 3, 2u);
+    EXPECT_EQ(writes.front(), "H");
+    EXPECT_EQ(writes.back(), "H");
+    for (size_t cycle = 1; cycle + 3 < writes.size(); cycle += 3) {
         EXPECT_EQ(writes[cycle].find_first_not_of('D'), std::string::npos) << writes[cycle];
         EXPECT_EQ(writes[cycle + 1].find('H'), std::string::npos) << writes[cycle + 1];
         EXPECT_EQ(writes[cycle + 2], "HH");

@@ -1,10 +1,13 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "HFSPlus/HFSPlusChangeMark.h"
 #include "HFSPlus/HFSPlusVolume.h"
 #include "VZDefragVolume.h"
 #include "support/FaultyBlockDevice.h"
@@ -63,9 +66,20 @@ public:
         _open();
     }
 
-    /** The verdict on what the device holds now, whatever is still in memory. */
-    [[nodiscard]] HFSPlusCheckResult check(const HFSPlusCheckOptions& options = {}) const
+    /** Marks the volume as one that is being changed and empties the log: what follows are the
+     *  writes of a test's own. */
+    void beginChanges()
     {
+        EXPECT_TRUE(_volume->changeMark().begin(nullptr));
+        _memory->clearOperations();
+    }
+
+    /** The verdict on what the device holds now, whatever is still in memory. */
+    [[nodiscard]] HFSPlusCheckResult check(HFSPlusCheckOptions options = {}) const
+    {
+        if (_volume != nullptr && _volume->changeMark().isSet()) {
+            options.demandsUnmounted = false;
+        }
         const std::unique_ptr<MemoryBlockDevice> copy = _memory->clone();
         HFSPlusCheckDeviceReader reader(*copy);
         return checkHFSPlusVolume(reader, options);

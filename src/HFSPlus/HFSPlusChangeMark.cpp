@@ -1,0 +1,117 @@
+#include "HFSPlus/HFSPlusChangeMark.h"
+
+#include <string_view>
+#include <vector>
+
+#include "VZDefragVolume.h"
+
+namespace {
+
+constexpr std::string_view kWriteFailure = "Write failure.";
+
+}  // namespace
+
+void HFSPlusChangeMark::setVolume(uint64_t startOffset, uint64_t sizeBytes,
+                                  const HFSPlusVolumeHeader& header)
+{
+    _startOffset = startOffset;
+    _sizeBytes = sizeBytes;
+    _header = header;
+    // Counts once for as long as the volume is open, however many runs there are.
+    _finalWriteCount = header.writeCount + 1;
+}
+
+bool HFSPlusChangeMark::begin(VZDefragErrorSlot error)
+{
+    if (_failed) {
+        return VZDefragFail(error, kWriteFailure);
+    }
+    if (_isSet) {
+        return true;
+    }
+    const std::lock_guard guard(_beginLock);
+    if (_isSet) {
+        return true;
+    }
+    if (_file != nullptr) {
+        const HFSPlusRollbackFile::Volume volume{_startOffset, _sizeBytes, _header,
+                                                 _finalWriteCount};
+        const HFSPlusByteRange primary{kHFSPlusVolumeHeaderOffset, sizeof _header};
+        if (!_file->begin(_device, volume, error)) {
+            return false;
+        }
+        if (!protect({&primary, 1}, error)) {
+            _file->end();
+            return false;
+        }
+    }
+    // A volume that was not cleanly unmounted before says so already.
+    const HFSPlusVolumeHeader marked = primaryHeader(_header);
+    if (marked.attributes != _header.attributes && !_writePrimary(marked, error)) {
+        _failed = true;
+        return false;
+    }
+    _isSet = true;
+    return true;
+}
+
+bool HFSPlusChangeMark::_writePrimary(const HFSPlusVolumeHeader& header, VZDefragErrorSlot error)
+{
+    return _device.VZDefragVolume::write(&header, sizeof header,
+                                         _startOffset + kHFSPlusVolumeHeaderOffset, error) &&
+           _device.synchronize(error);
+}
+
+bool HFSPlusChangeMark::isProtected(const HFSPlusByteRange& range) const
+{
+    return _file == nullptr || _file->isProtected({_startOffset + range.offset, range.nbyte});
+}
+
+bool HFSPlusChangeMark::protect(std::span<const HFSPlusByteRange> ranges, VZDefragErrorSlot error)
+{
+    if (_file == nullptr) {
+        return true;
+    }
+    std::vector<HFSPlusByteRange> onDevice(ranges.begin(), ranges.end());
+    for (HFSPlusByteRange& range : onDevice) {
+        range.offset += _startOffset;
+    }
+    return _file->protect(_device, onDevice, error);
+}
+
+HFSPlusVolumeHeader HFSPlusChangeMark::primaryHeader(const HFSPlusVolumeHeader& header) const
+{
+    HFSPlusVolumeHeader marked = header;
+    marked.attributes = header.attributes & ~uint32_t{kHFSVolumeUnmountedMask};
+    if (_file != nullptr && _isSet) {
+        marked.writeCount = _file->completeWriteCount();
+    }
+    return marked;
+}
+
+void HFSPlusChangeMark::flushDidComplete(const HFSPlusVolumeHeader& header)
+{
+    _header = header;
+    _isTorn = false;
+    if (needsHeader()) {
+        _file->changeDidComplete();
+    }
+}
+
+bool HFSPlusChangeMark::end(VZDefragErrorSlot error)
+{
+    if (!_isSet) {
+        return true;
+    }
+    if (_isTorn || _alternateFailed) {
+        return false;
+    }
+    if (!_writePrimary(_header, error)) {
+        return false;
+    }
+    _isSet = false;
+    if (_file != nullptr) {
+        _file->end();
+    }
+    return true;
+}
