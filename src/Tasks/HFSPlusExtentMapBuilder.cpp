@@ -267,9 +267,17 @@ bool HFSPlusExtentMapBuilder::_insertExtent(uint32_t start, uint32_t count, uint
         return VZDefragFail(error, "Volume is inconsistent.");
     }
     if (info <= kInfoOfLastImmutable) {
-        const HFSPlusExtentMapEntry* entry = _extentMap->findEntry(start);
-        if (entry != nullptr && entry->type() == kHFSPlusExtentImmutable) {
-            return true;
+        // What is fixed already may end before this extent does, whose rest is not free either.
+        uint32_t known = 0;
+        const HFSPlusExtentMapEntry* entry = _extentMap->findEntry(start, &known);
+        while (entry != nullptr && entry->type() == kHFSPlusExtentImmutable) {
+            const uint64_t knownEnd = uint64_t{entry->start} + known;
+            if (end <= knownEnd) {
+                return true;
+            }
+            start = static_cast<uint32_t>(knownEnd);
+            count = static_cast<uint32_t>(end - knownEnd);
+            entry = _extentMap->findEntry(start, &known);
         }
     }
     const uint64_t spanEnd = uint64_t{_extentMap->startBlock()} + _extentMap->blockCount();

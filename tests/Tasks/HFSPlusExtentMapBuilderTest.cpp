@@ -139,6 +139,21 @@ TEST(HFSPlusExtentMapBuilder, AJournalBeyondTheVolumeIsRefused)
     EXPECT_EQ(span.error, "Volume is inconsistent.");
 }
 
+TEST(HFSPlusExtentMapBuilder, AJournalFileLongerThanTheJournalIsFencedOffToItsEnd)
+{
+    HFSPlusVolumeBuilder builder = plainVolume(4096);
+    builder.journal(600, 40).journalInfoBlock(700);
+    builder.damage(damagedJournalInfo("size", 20 * 4096));
+    builder.damage(damagedBitmap(620, 20, false));
+    const Span span(builder);
+
+    ASSERT_TRUE(span.built) << span.error;
+    for (uint32_t block = 600; block < 640; ++block) {
+        EXPECT_EQ(span.runAt(block).type, kHFSPlusExtentImmutable) << block;
+    }
+    EXPECT_NE(span.runAt(640).type, kHFSPlusExtentImmutable);
+}
+
 TEST(HFSPlusExtentMapBuilder, AForkWithinItsCatalogRecordNeedsNoOverflowLookup)
 {
     HFSPlusVolumeBuilder builder = plainVolume();
