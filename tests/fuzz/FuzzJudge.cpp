@@ -27,7 +27,8 @@ struct Known {
     HFSPlusCheckResult result;
 };
 
-/** All bytes of @p fork; nothing when they are not there. */
+/** All bytes of @p fork; nothing when they are not there, or when an extent begins at block 0: its
+ *  descriptor is an empty one, and what the fork's bytes are is anybody's guess. */
 std::optional<std::vector<uint8_t>> contentsOf(const Known& volume, const HFSPlusCheckedFork& fork)
 {
     if (fork.logicalSize > kMostContents) {
@@ -36,6 +37,9 @@ std::optional<std::vector<uint8_t>> contentsOf(const Known& volume, const HFSPlu
     std::vector<uint8_t> bytes(static_cast<size_t>(fork.logicalSize));
     size_t done = 0;
     for (const HFSPlusCheckedExtent& extent : fork.extents) {
+        if (extent.startBlock == 0) {
+            return std::nullopt;
+        }
         const uint64_t place =
             volume.result.volumeOffset + uint64_t{extent.startBlock} * volume.result.blockSize;
         const auto count = static_cast<size_t>(std::min<uint64_t>(
@@ -108,6 +112,89 @@ std::string lostForks(const Known& before, const Known& after)
     return "";
 }
 
+/** Which bytes of a volume a run may change that moves nothing in the end. */
+class Repairable {
+public:
+    explicit Repairable(const Known& volume) : _volume(volume.result)
+    {
+        const HFSPlusCheckedFork* const bitmap = _volume.forkWithCNID(6);
+        for (size_t index = 0; bitmap != nullptr && index < bitmap->extents.size(); ++index) {
+            const HFSPlusCheckedExtent& extent = bitmap->extents[index];
+            const uint64_t place = _placeOf(extent.startBlock);
+            const uint64_t size = uint64_t{extent.blockCount} * _volume.blockSize;
+            if (place + size <= volume.memory.size()) {
+                _places.push_back({place, size});
+                _bits.resize(_bits.size() + size);
+                volume.memory.peek(&_bits[_bits.size() - size], size, place);
+            }
+        }
+    }
+
+    [[nodiscard]] bool mayBecome(uint64_t place, uint8_t old, uint8_t now) const
+    {
+        return _isInHeaders(place) || _isInFreeBlock(place) ||
+               (_isInBitmap(place) && (old & ~now) == 0);
+    }
+
+private:
+    struct Piece {
+        uint64_t place;  // bytes
+        uint64_t size;   // bytes
+    };
+
+    [[nodiscard]] uint64_t _placeOf(uint32_t block) const
+    {
+        return _volume.volumeOffset + uint64_t{block} * _volume.blockSize;
+    }
+    /** A header's free or write count, or the alternate header, which is rewritten whole. */
+    [[nodiscard]] bool _isInHeaders(uint64_t place) const
+    {
+        const uint64_t inHeader = place - _volume.volumeOffset - 1024;
+        const uint64_t alternate = _volume.volumeOffset + _volume.volumeSize - 1024;
+        return (inHeader >= 48 && inHeader < 52) || (inHeader >= 68 && inHeader < 72) ||
+               (place >= alternate && place < alternate + 512);
+    }
+    [[nodiscard]] bool _isInFreeBlock(uint64_t place) const
+    {
+        const uint64_t block = (place - _volume.volumeOffset) / _volume.blockSize;
+        return block < _volume.totalBlocks && block / 8 < _bits.size() &&
+               (_bits[block / 8] & (0x80U >> (block % 8))) == 0;
+    }
+    [[nodiscard]] bool _isInBitmap(uint64_t place) const
+    {
+        return std::ranges::any_of(_places, [place](const Piece& piece) {
+            return place >= piece.place && place < piece.place + piece.size;
+        });
+    }
+
+    const HFSPlusCheckResult& _volume;
+    std::vector<Piece> _places;
+    std::vector<uint8_t> _bits;  // of the whole volume
+};
+
+/** What changed that is neither a repair of the bitmap nor in a free block; empty when nothing. */
+std::string changeBesidesRepairs(const Known& before, const MemoryBlockDevice& after)
+{
+    if (after.hasSameBytesAs(before.memory)) {
+        return "";
+    }
+    const Repairable repairable(before);
+    constexpr size_t kPiece = 4096;
+    std::array<uint8_t, kPiece> old{};
+    std::array<uint8_t, kPiece> now{};
+    for (uint64_t place = 0; place < after.size(); place += kPiece) {
+        before.memory.peek(old.data(), kPiece, place);
+        after.peek(now.data(), kPiece, place);
+        for (size_t index = 0; old != now && index < kPiece; ++index) {
+            if (old[index] != now[index] &&
+                !repairable.mayBecome(place + index, old[index], now[index])) {
+                return "byte " + std::to_string(place + index) + " was changed";
+            }
+        }
+    }
+    return "";
+}
+
 /** Where the device says that the volume lies: a wrapper's word, or all of the device. */
 std::pair<uint64_t, uint64_t> boundsOf(const MemoryBlockDevice& memory)
 {
@@ -151,6 +238,11 @@ std::string judgeFuzzedRun(const FuzzedRun& run)
     }
     const Known before(run.before);
     const Known after(run.after);
+    if (!run.emptiesPlaylist && !run.output.error().empty() && run.output.moves().empty()) {
+        if (std::string change = changeBesidesRepairs(before, run.after); !change.empty()) {
+            return change + ", but only said: " + run.output.error();
+        }
+    }
     if (before.result.consistent && !after.result.consistent) {
         return "no longer consistent: " + after.result.description();
     }

@@ -29,8 +29,8 @@ using Lines = std::vector<std::string>;
 
 /** The bytes of an input, opened the way the program opens a device. */
 struct OpenedInput {
-    OpenedInput(std::span<const uint8_t> input, size_t volumeCount)
-        : script(input, volumeCount), memory(script.makeVolume())
+    OpenedInput(std::span<const uint8_t> input, FuzzScript::Volumes volumes)
+        : script(input, volumes), memory(script.makeVolume())
     {
         device = VZDefragVolume::initWithBlockDevice(
             "/dev/memory", std::make_unique<FuzzDevice>(memory->share(), watch));
@@ -121,9 +121,9 @@ std::string runReportOfChoice(HFSPlusVolume& volume, uint8_t choice, uint8_t det
     }
 }
 
-std::string runReports(std::span<const uint8_t> input)
+std::string runReports(std::span<const uint8_t> input, FuzzScript::Volumes volumes)
 {
-    const OpenedInput opened(input, fuzzVolumeCount());
+    const OpenedInput opened(input, volumes);
     if (opened.volume == nullptr) {
         return opened.judgeUnchanged();
     }
@@ -154,9 +154,10 @@ bool hasForeignPlaylist(const OpenedInput& opened)
            !std::equal(magic.rbegin(), magic.rend(), kMagic.begin());
 }
 
-std::string runMoving(std::span<const uint8_t> input, const std::string& command)
+std::string runMoving(std::span<const uint8_t> input, const std::string& command,
+                      FuzzScript::Volumes volumes)
 {
-    OpenedInput opened(input, builtFuzzVolumeCount() + 1);
+    OpenedInput opened(input, volumes);
     if (opened.volume == nullptr) {
         return opened.judgeUnchanged();
     }
@@ -178,9 +179,10 @@ std::string runMoving(std::span<const uint8_t> input, const std::string& command
     const uint64_t bufferSize =
         (1 + uint64_t{script.choice(1)}) * volume.hostVolumeHeader().blockSize;
     const DefragOutput output = runDefrag(volume, bufferSize, words, [&](HFSPlusDefragTask& task) {
-        if ((script.choice(0) & 8) != 0) {
+        const bool hasData = script.volume().hasData;
+        if (hasData && (script.choice(0) & 8) != 0) {
             task.setSpanMemory(32 * (20 + uint64_t{script.choice(2)}));
-        } else if (script.choice(2) != 0 || !script.volume().hasData) {
+        } else if (script.choice(2) != 0 || !hasData) {
             opened.watch->call = [&task] { task.abort(); };
             opened.watch->callAt = opened.watch->operations + 1 + 2 * script.choice(2);
         }
@@ -196,17 +198,33 @@ std::string runMoving(std::span<const uint8_t> input, const std::string& command
                            .emptiesPlaylist = usesPlaylist});
 }
 
+/** Sample volumes take far longer than small ones, so a target of their own has them. */
+std::string runOnSample(std::span<const uint8_t> input)
+{
+    using Volumes = FuzzScript::Volumes;
+    switch (FuzzScript(input, Volumes::kSamples).choice(0) >> 5 & 3) {
+        case 0:
+            return runMoving(input, "DEFRAG", Volumes::kSamples);
+        case 1:
+            return runMoving(input, "COMPACT", Volumes::kSamples);
+        default:
+            return runReports(input, Volumes::kSamples);
+    }
+}
+
 }  // namespace
 
 std::string runFuzzInput(FuzzTarget target, std::span<const uint8_t> input)
 {
     switch (target) {
         case FuzzTarget::kReading:
-            return runReports(input);
+            return runReports(input, FuzzScript::Volumes::kBuilt);
         case FuzzTarget::kDefrag:
-            return runMoving(input, "DEFRAG");
+            return runMoving(input, "DEFRAG", FuzzScript::Volumes::kBuilt);
         case FuzzTarget::kCompact:
-            return runMoving(input, "COMPACT");
+            return runMoving(input, "COMPACT", FuzzScript::Volumes::kBuilt);
+        case FuzzTarget::kSamples:
+            return runOnSample(input);
     }
     return "no such target";
 }

@@ -4,8 +4,8 @@
 #include <span>
 #include <string>
 
-/** What the fuzz targets run. */
-enum class FuzzTarget { kReading, kDefrag, kCompact };
+/** What the fuzz targets run, on small volumes; the last one any of it, on sample volumes. */
+enum class FuzzTarget { kReading, kDefrag, kCompact, kSamples };
 
 /** Does what @p input says and returns what was wrong with it; empty when all was as it has to be.
  *

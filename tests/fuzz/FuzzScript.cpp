@@ -70,20 +70,18 @@ size_t scaled(uint32_t where, size_t count)
     return static_cast<size_t>(uint64_t{where} * count >> 24);
 }
 
-size_t volumeIndex(std::span<const uint8_t> input, size_t volumeCount)
+size_t volumeIndex(std::span<const uint8_t> input, FuzzScript::Volumes volumes)
 {
-    constexpr size_t kFirstSample = 248;  // they take far longer than the others
     const size_t built = builtFuzzVolumeCount();
     const size_t choice = input.empty() ? 0 : input[0];
-    return choice >= kFirstSample && volumeCount > built
-               ? built + (choice - kFirstSample) % (volumeCount - built)
-               : choice % built;
+    return volumes == FuzzScript::Volumes::kBuilt ? choice % built
+                                                  : built + choice % (fuzzVolumeCount() - built);
 }
 
 }  // namespace
 
-FuzzScript::FuzzScript(std::span<const uint8_t> input, size_t volumeCount)
-    : _input(input), _volume(fuzzVolumeAtIndex(volumeIndex(input, volumeCount)))
+FuzzScript::FuzzScript(std::span<const uint8_t> input, Volumes volumes)
+    : _input(input), _volume(fuzzVolumeAtIndex(volumeIndex(input, volumes)))
 {
 }
 

@@ -22,8 +22,10 @@ public:
     static constexpr size_t kMostSteps = 32;
     static constexpr uint8_t kPatchBit = 0x80;
 
-    /** Chooses from the first @p volumeCount volumes; a few of 256 choices are sample volumes. */
-    FuzzScript(std::span<const uint8_t> input, size_t volumeCount);
+    /** Which volumes byte 0 chooses from. */
+    enum class Volumes { kBuilt, kSamples };
+
+    FuzzScript(std::span<const uint8_t> input, Volumes volumes);
 
     [[nodiscard]] const FuzzVolume& volume() const { return _volume; }
     /** The target's choices, 0 to 2. */

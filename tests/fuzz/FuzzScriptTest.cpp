@@ -11,11 +11,9 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-constexpr uint8_t kFirstSample = 248;
-
 std::unique_ptr<MemoryBlockDevice> volumeOf(const Bytes& input)
 {
-    return FuzzScript(input, fuzzVolumeCount()).makeVolume();
+    return FuzzScript(input, FuzzScript::Volumes::kBuilt).makeVolume();
 }
 
 /** The input that does one damage to volume @p volume. */
@@ -104,9 +102,6 @@ TEST(FuzzScript, AnyBytesAreAnInputAndTheSameBytesMakeTheSameVolume)
         Bytes input(random() % 100);
         for (uint8_t& byte : input) {
             byte = static_cast<uint8_t>(random());
-        }
-        if (!input.empty()) {
-            input[0] %= kFirstSample;
         }
         EXPECT_TRUE(volumeOf(input)->hasSameBytesAs(*volumeOf(input)));
     }
