@@ -316,8 +316,8 @@ TEST_F(HFSPlusVolumeFlushTest, FlushEndsInOneOfTwoVerdictsWhicheverWriteFails)
         std::unique_ptr<VZDefragError> error;
         const bool flushed = fresh->flush(&error);
         EXPECT_EQ(flushed, error == nullptr);
-        const bool reached = fresh.faults().faultReached();
         fresh.close();
+        const bool reached = fresh.faults().faultReached();
 
         // Where a write was lost, the mark may stay: somebody has to look at the volume.
         EXPECT_TRUE(
