@@ -84,9 +84,11 @@ size_t DefragTranscript::count(std::string_view line) const
     return static_cast<size_t>(std::ranges::count(lines, line));
 }
 
-DefragSession::DefragSession(const std::string& path)
+DefragSession::DefragSession(const std::string& path,
+                             const std::map<std::string, std::string>& environment)
     : _process({.program = VZDEFRAG_PROGRAM,
                 .arguments = {"--interval", kNoProgress, path},
+                .environment = environment,
                 .outputPipeSize = kSmallPipe})
 {
     EXPECT_EQ(_process.readLine(), "READY");

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -37,7 +38,8 @@ struct DefragTranscript {
  */
 class DefragSession {
 public:
-    explicit DefragSession(const std::string& path);
+    explicit DefragSession(const std::string& path,
+                           const std::map<std::string, std::string>& environment = {});
 
     [[nodiscard]] ToolProcess& process() { return _process; }
 

@@ -85,6 +85,7 @@ ToolProcess::ToolProcess(const Setup& setup) : _deadline(now() + kSecondsAllowed
     words.push_back(nullptr);
 
     ::unsetenv("KLDebugLevel");
+    ::unsetenv("VZDefragRollbackFile");
     for (const auto& [name, value] : setup.environment) {
         ::setenv(name.c_str(), value.c_str(), 1);
     }
