@@ -41,7 +41,9 @@ std::unique_ptr<VZDefragVolume> openVolume(const MemoryBlockDevice& device,
 {
     RecordingOpener opener(device, recording);
     HFSPlusVolumeProber prober;
-    std::ignore = file;
+    if (file != nullptr) {
+        prober.setRollbackFile(std::make_shared<HFSPlusRollbackFile>("/rollback", file->opener()));
+    }
     std::unique_ptr<VZDefragError> failure;
     auto volume = VZDefragVolume::initWithDevice("/dev/memory", opener, prober, &failure);
     error = failure != nullptr ? failure->description() : "";
@@ -82,7 +84,16 @@ std::optional<std::vector<uint8_t>> contentsOf(const MemoryBlockDevice& device,
 
 }  // namespace
 
-ReplayRun runRecorded(ReplayVolume given, const std::string& command, bool hasRollbackFile)
+std::string ReplayCommands::description() const
+{
+    std::string text;
+    for (const std::string& name : names) {
+        text += (text.empty() ? "" : ", then ") + name;
+    }
+    return text + (abortAfter != 0 ? " told to end after " + std::to_string(abortAfter) : "");
+}
+
+ReplayRun runRecorded(ReplayVolume given, const ReplayCommands& commands, bool hasRollbackFile)
 {
     ReplayRun run;
     const std::unique_ptr<MemoryBlockDevice> memory = given.builder.build(given.deviceBlockSize);
@@ -93,28 +104,47 @@ ReplayRun runRecorded(ReplayVolume given, const std::string& command, bool hasRo
     run.before = memory->clone();
     const auto recording = std::make_shared<Recording>();
     const RecordingFile file(recording);
-    auto opened = openVolume(*memory, hasRollbackFile ? &file : nullptr, recording, run.error);
-    if (opened != nullptr) {
-        // The prober opens nothing else.
-        auto& volume = static_cast<HFSPlusVolume&>(*opened);
-        if (given.nodeCacheSize != 0) {
-            volume.catalog().setNodeCacheSize(given.nodeCacheSize);
-            volume.extents().setNodeCacheSize(given.nodeCacheSize);
-        }
-        const DefragOutput output =
-            runDefrag(volume, given.bufferSize, wordsFor(given, command), [&](auto& task) {
-                if (given.spanMemory != 0) {
-                    task.setSpanMemory(given.spanMemory);
-                }
-            });
-        run.lines = output.lines;
-        run.error = output.error();
-        opened.reset();
-    }
+    run.lines =
+        runOn(*memory, hasRollbackFile ? &file : nullptr, recording, given, commands, run.error);
     run.after = memory->clone();
     run.fileAfter = file.bytes();
     run.events = recording->events();
     return run;
+}
+
+std::vector<std::string> runOn(const MemoryBlockDevice& device, const RecordingFile* file,
+                               const std::shared_ptr<Recording>& recording,
+                               const ReplayVolume& given, const ReplayCommands& commands,
+                               std::string& error)
+{
+    std::vector<std::string> lines;
+    const auto opened = openVolume(device, file, recording, error);
+    if (opened == nullptr) {
+        return lines;
+    }
+    // The prober opens nothing else.
+    auto& volume = static_cast<HFSPlusVolume&>(*opened);
+    if (given.nodeCacheSize != 0) {
+        volume.catalog().setNodeCacheSize(given.nodeCacheSize);
+        volume.extents().setNodeCacheSize(given.nodeCacheSize);
+    }
+    for (const std::string& command : commands.names) {
+        const bool isTold = commands.abortAfter != 0 && &command == &commands.names.back();
+        const auto prepare = [&](HFSPlusDefragTask& task) {
+            if (given.spanMemory != 0) {
+                task.setSpanMemory(given.spanMemory);
+            }
+            if (isTold) {
+                recording->callAfter(commands.abortAfter, [&task] { task.abort(); });
+            }
+        };
+        const DefragOutput output =
+            runDefrag(volume, given.bufferSize, wordsFor(given, command), prepare);
+        recording->callAfter(0, nullptr);
+        lines.insert(lines.end(), output.lines.begin(), output.lines.end());
+        error = output.error();
+    }
+    return lines;
 }
 
 std::string openRecorded(const MemoryBlockDevice& device, const RecordingFile& file,
@@ -128,12 +158,22 @@ std::string openRecorded(const MemoryBlockDevice& device, const RecordingFile& f
 ReplayExpectation::ReplayExpectation(const MemoryBlockDevice& device)
 {
     const HFSPlusCheckResult result = judged(device);
+    _problems.insert(result.problems.begin(), result.problems.end());
     for (const HFSPlusCheckedFork& fork : result.forks) {
         if (!fork.isSpecial) {
             _contents[{fork.cnid, fork.forkType}] =
                 contentsOf(device, result, fork).value_or(std::vector<uint8_t>());
         }
     }
+}
+
+std::string ReplayExpectation::newProblems(const HFSPlusCheckResult& result) const
+{
+    std::string problems;
+    for (const std::string& problem : result.problems) {
+        problems += _problems.contains(problem) ? "" : " " + problem + "\n";
+    }
+    return problems;
 }
 
 std::string ReplayExpectation::losses(const MemoryBlockDevice& device,

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -13,20 +14,35 @@
 #include "support/Recording.h"
 #include "support/RecordingFile.h"
 
-/** A whole command on a volume in memory, with everything that it wrote. */
+/** What is done with a volume between its opening and its closing. */
+struct ReplayCommands {
+    std::vector<std::string> names;  // DEFRAG and COMPACT, one after the other
+    size_t abortAfter = 0;           // events, after which the last is told to end; 0: never
+
+    [[nodiscard]] std::string description() const;
+};
+
+/** Commands on a volume in memory, with everything that they wrote. */
 struct ReplayRun {
     std::unique_ptr<MemoryBlockDevice> before;
     std::unique_ptr<MemoryBlockDevice> after;
     RecordedFileBytes fileAfter;
     std::vector<RecordedEvent> events;  // from the opening to the closing of the volume
     std::vector<std::string> lines;
-    std::string error;
+    std::string error;  // of the last command
 };
 
-/** Builds @p volume and runs @p command on it, DEFRAG or COMPACT; with a rollback file, or without.
- */
-[[nodiscard]] ReplayRun runRecorded(ReplayVolume volume, const std::string& command,
+/** Builds @p volume and does @p commands on it, with a rollback file or without. */
+[[nodiscard]] ReplayRun runRecorded(ReplayVolume volume, const ReplayCommands& commands,
                                     bool hasRollbackFile);
+
+/** Opens the volume on @p device as the program does, with the rollback file @p file unless that is
+ *  null, does @p commands in the way of @p volume, and closes it; what was printed. */
+[[nodiscard]] std::vector<std::string> runOn(const MemoryBlockDevice& device,
+                                             const RecordingFile* file,
+                                             const std::shared_ptr<Recording>& recording,
+                                             const ReplayVolume& volume,
+                                             const ReplayCommands& commands, std::string& error);
 
 /** Opens and closes the volume on @p device as the program does, with the rollback file @p file,
  *  and records it; the reason where the volume could not be opened. */
@@ -44,6 +60,9 @@ public:
     /** A fork that may also be found empty. */
     void allowEmpty(uint32_t cnid) { _mayBeEmpty = cnid; }
 
+    /** What is wrong in the state @p result and was not before; empty when nothing is. */
+    [[nodiscard]] std::string newProblems(const HFSPlusCheckResult& result) const;
+
     /** The forks of the state @p result on @p device that are not as they were; empty when all
      *  are. */
     [[nodiscard]] std::string losses(const MemoryBlockDevice& device,
@@ -51,6 +70,7 @@ public:
 
 private:
     ReplayContents _contents;
+    std::set<std::string> _problems;
     uint32_t _mayBeEmpty = 0;  // CNID
 };
 

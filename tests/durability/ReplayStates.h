@@ -3,30 +3,38 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <utility>
 
 #include "durability/ReplayRun.h"
 #include "support/CrashStates.h"
 
 /** One run that was recorded, ready to be cut off anywhere. */
 struct ReplayCase {
+    ReplayVolume volume;
     std::string name;  // of the volume and the command
     ReplayRun run;
     CrashStates states;
     ReplayExpectation expected;
 };
 
-/** How many states were judged, and what was found. */
+/** How many states were judged, and what was found: one line about it when it goes. */
 class ReplayCount {
 public:
-    /** Counts a state that is as it ought to be. */
-    void addGood() { ++_states; }
-    /** Counts a state with a fault; the first few are printed. */
-    void addLost(const ReplayCase& given, const std::string& state, const std::string& fault);
+    /** @p what is for that line. */
+    explicit ReplayCount(std::string what) : _what(std::move(what)) {}
+    ReplayCount(const ReplayCount&) = delete;
+    ReplayCount& operator=(const ReplayCount&) = delete;
+    ~ReplayCount();
+
+    /** Counts a state with its fault, which is empty where all is as it ought to be. The first few
+     *  faults are printed. */
+    void add(const ReplayCase& given, const std::string& state, const std::string& fault);
 
     [[nodiscard]] uint64_t states() const { return _states; }
     [[nodiscard]] uint64_t lost() const { return _lost; }
 
 private:
+    std::string _what;
     uint64_t _states = 0;
     uint64_t _lost = 0;
 };
@@ -34,7 +42,8 @@ private:
 /** Judges the @p states states of one run that @p seed chooses. */
 using ReplayJudge = std::function<void(const ReplayCase& given, uint64_t states, uint64_t seed)>;
 
-/** Records DEFRAG and COMPACT on all volumes, then on others, until so many states were judged.
+/** Records DEFRAG, COMPACT and both on all volumes, then on others, until so many states were
+ *  judged.
  *
  *  VZDEFRAG_TEST_ROUNDS says how many states, VZDEFRAG_TEST_SEED which ones; @p quickStates
  *  otherwise.

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "support/BootCachePlaylist.h"
+#include "support/HFSPlusVolumeBuilderPatcher.h"
 #include "support/HFSPlusVolumeBuilderTesting.h"
 #include "support/RandomVolume.h"
 
@@ -260,6 +261,21 @@ std::vector<ReplayVolume> replayVolumes()
     }
     for (const char* profiles : {"boot", "app", "boot,app"}) {
         volumes.push_back(profiledVolume(profiles[0] == 'a' ? 512 : 4096, profiles));
+    }
+    return volumes;
+}
+
+std::vector<ReplayVolume> volumesWithAWrongBitmap()
+{
+    std::vector<ReplayVolume> volumes;
+    for (const uint32_t blockSize : {512U, 4096U}) {
+        ReplayVolume volume = interleavedVolume(blockSize, {3, 12}, Extra::kNothing);
+        volume.name += ", wrong bitmap";
+        const uint32_t first = std::max(8U, 49152 / blockSize);
+        const uint32_t freeBlocks = checked(*volume.builder.build()).freeBlocks;
+        volume.builder.damage(damagedBitmap(first, 2, false));
+        volume.builder.damage(damagedHeader("freeBlocks", freeBlocks + 2));
+        volumes.push_back(std::move(volume));
     }
     return volumes;
 }

@@ -24,6 +24,9 @@ struct ReplayVolume {
  *  to 64 KiB, trees that split and collapse, special files that move, and everything that stays. */
 [[nodiscard]] std::vector<ReplayVolume> replayVolumes();
 
+/** Volumes whose bitmap does not know of all blocks in use, which a run repairs. */
+[[nodiscard]] std::vector<ReplayVolume> volumesWithAWrongBitmap();
+
 /** Runs on @p volume in another way: other buffer, caches and maps. */
 void varyReplay(ReplayVolume& volume, std::mt19937& random);
 

@@ -118,7 +118,7 @@ TEST(ReplayVolumes, TheVolumesAreOfEveryKindThatIsToBeCutOff)
     for (const ReplayVolume& volume : volumes) {
         for (const char* command : {"DEFRAG", "COMPACT"}) {
             SCOPED_TRACE(volume.name + ", " + command);
-            const ReplayRun run = runRecorded(volume, command, false);
+            const ReplayRun run = runRecorded(volume, {{command}}, false);
             ASSERT_NE(run.before, nullptr) << run.error;
             EXPECT_EQ(run.error, "");
             variety.add(run);
@@ -142,7 +142,7 @@ TEST(ReplayVolumes, NothingIsWrittenOverWhatTheLastCompleteFlushHolds)
 {
     for (const ReplayVolume& volume : replayVolumes()) {
         for (const char* command : {"DEFRAG", "COMPACT"}) {
-            const ReplayRun run = runRecorded(volume, command, false);
+            const ReplayRun run = runRecorded(volume, {{command}}, false);
             ASSERT_NE(run.before, nullptr) << volume.name << ": " << run.error;
             const CrashStates states(*run.before, std::nullopt, run.events);
             ProtectedSectors held(*run.before, judged(*run.before));

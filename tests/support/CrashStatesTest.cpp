@@ -198,6 +198,19 @@ TEST_F(CrashStatesTest, ARefusedWriteIsNotRecorded)
     EXPECT_EQ(_recording->events().size(), 1U);
 }
 
+TEST_F(CrashStatesTest, ARecordingCallsOnceAfterSoManyMoreEvents)
+{
+    writeDevice(0, 1, 1);
+    std::vector<size_t> calls;
+    _recording->callAfter(2, [&] { calls.push_back(_recording->events().size()); });
+
+    for (int write = 0; write < 5; ++write) {
+        writeDevice(1, 1, 2);
+    }
+
+    EXPECT_EQ(calls, std::vector<size_t>{3});
+}
+
 TEST_F(CrashStatesTest, TheFileHasOneOpenerAtATimeAndIsMadeOnlyOnRequest)
 {
     int errorNumber = 0;

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -27,6 +28,9 @@ public:
     void add(RecordedEvent event);
     void addWrite(RecordedEvent::Medium medium, const void* bytes, size_t nbyte, uint64_t offset);
 
+    /** Calls @p call once, when @p count more events were added. */
+    void callAfter(size_t count, std::function<void()> call);
+
     /** What was added so far. */
     [[nodiscard]] std::vector<RecordedEvent> events() const;
     void clear();
@@ -34,4 +38,6 @@ public:
 private:
     mutable std::mutex _mutex;
     std::vector<RecordedEvent> _events;
+    size_t _callAt = 0;  // events; 0: never
+    std::function<void()> _call;
 };
