@@ -81,8 +81,12 @@ bool HFSPlusRollbackFile::begin(const VZDefragVolume& device, const Volume& volu
     header.finalWriteCount = volume.finalWriteCount;
     std::memcpy(header.volumeHeader.data(), &volume.header, header.volumeHeader.size());
     header.checksum = HFSPlusRollbackChecksum(header);
-    // Durable with the first records, which come before anything is overwritten.
-    if (const int errorNumber = _file->writeWhole(&header, sizeof header, 0); errorNumber != 0) {
+    // Durable before the first record: zeros with anything behind them are somebody else's file.
+    int errorNumber = _file->writeWhole(&header, sizeof header, 0);
+    if (errorNumber == 0) {
+        errorNumber = _file->synchronizeWhole();
+    }
+    if (errorNumber != 0) {
         std::ignore = _file->setSize(0);
         return _fail(kCannotWrite, errorNumber, error);
     }

@@ -100,8 +100,8 @@ bool HFSPlusCopyList::_perform(HFSPlusExtentMap& map, bool countProgress, VZDefr
         return false;
     }
     _volume.yieldGate();
-    if (!_checkDestinations(error) || !_volume.changeMark().begin(error) || !_writeData(error) ||
-        !_volume.synchronize(error)) {
+    if (!_checkDestinations(error) || (_head != nullptr && !_volume.changeMark().begin(error)) ||
+        !_writeData(error) || !_volume.synchronize(error)) {
         return false;
     }
     _volume.yieldGate();
