@@ -231,6 +231,27 @@ ReplayVolume profiledVolume(uint32_t blockSize, const std::string& profiles)
     return volume;
 }
 
+/** More files than the smallest cache has nodes for, so that changes are written by eviction. */
+ReplayVolume evictingVolume(uint32_t blockSize)
+{
+    ReplayVolume volume;
+    volume.name = "evictions, blocks of " + std::to_string(blockSize);
+    HFSPlusVolumeBuilder& builder = volume.builder;
+    const uint32_t first = std::max(32U, 114688 / blockSize);
+    builder.blockSize(blockSize).totalBlocks(first + 380).catalogNodeSize(4096);
+    builder.extentsNodeSize(512).freeExtentsNodes(20);
+    const std::string longName(180, 'x');
+    for (uint32_t file = 0; file < 40; ++file) {
+        builder.file(fileName(file) + longName).data(comb(first + 2 * file, 2, 1, 90));
+    }
+    for (uint32_t file = 0; file < 4; ++file) {
+        builder.file("/long" + fileName(file)).data(comb(first + 180 + 2 * file, 16, 1, 10));
+    }
+    volume.bufferSize = uint64_t{60} * blockSize;
+    volume.nodeCacheSize = 512;
+    return volume;
+}
+
 /** Hardly any room, which splits what is moved out of the way. */
 ReplayVolume crowdedVolume(uint32_t blockSize)
 {
@@ -258,6 +279,7 @@ std::vector<ReplayVolume> replayVolumes()
         volumes.push_back(movingEverything(blockSize, false));
         volumes.push_back(movingEverything(blockSize, true));
         volumes.push_back(crowdedVolume(blockSize));
+        volumes.push_back(evictingVolume(blockSize));
     }
     for (const char* profiles : {"boot", "app", "boot,app"}) {
         volumes.push_back(profiledVolume(profiles[0] == 'a' ? 512 : 4096, profiles));
