@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <ranges>
 #include <string_view>
 #include <tuple>
 
@@ -193,7 +192,8 @@ bool HFSPlusRollbackRecovery::_takeRecord(uint64_t& place, uint64_t size, bool& 
 bool HFSPlusRollbackRecovery::_putBack(VZDefragErrorSlot error)
 {
     // The newest first: of bytes that were overwritten twice, those before the change come last.
-    for (const Record& record : std::views::reverse(_records)) {
+    for (auto found = _records.rbegin(); found != _records.rend(); ++found) {
+        const Record& record = *found;
         _bytes.resize(record.nbyte);
         if (const int errorNumber = _file.readWhole(_bytes.data(), record.nbyte, record.place);
             errorNumber != 0) {
