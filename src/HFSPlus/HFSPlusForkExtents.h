@@ -91,6 +91,7 @@ private:
                                           uint32_t startBlock, PendingChanges& changes,
                                           VZDefragErrorSlot error);
     [[nodiscard]] bool _writeFirstRecord(const PendingChanges& changes, VZDefragErrorSlot error);
+    [[nodiscard]] bool _loadBitmap(const PendingChanges& changes, VZDefragErrorSlot error);
     void _applyToBitmap(const PendingChanges& changes);
     void _clearExtents(const HFSPlusHostExtentRecord& record, uint32_t startBlock,
                        PendingChanges& changes) const;

@@ -85,7 +85,7 @@ bool HFSPlusForkExtents::update(VZDefragErrorSlot error)
     }
     const bool written = records.empty() ? _deleteAllRecords(changes, error)
                                          : _writeRecords(records, changes, error);
-    if (!written || !_writeFirstRecord(changes, error)) {
+    if (!written || !_loadBitmap(changes, error) || !_writeFirstRecord(changes, error)) {
         return false;
     }
     if (transaction.has_value()) {
@@ -244,19 +244,38 @@ bool HFSPlusForkExtents::_writeFirstRecord(const PendingChanges& changes, VZDefr
     return written;
 }
 
+/** Brings the chunks that change into memory while it can still be left at that. */
+bool HFSPlusForkExtents::_loadBitmap(const PendingChanges& changes, VZDefragErrorSlot error)
+{
+    HFSPlusAllocation& allocation = _volume.allocation();
+    const auto load = [&](const HFSPlusHostExtentDescriptor& extent) {
+        const uint32_t last = extent.startBlock + (extent.blockCount - 1);
+        uint32_t index = allocation.chunkIndexFromBlockIndex(extent.startBlock);
+        for (; index <= allocation.chunkIndexFromBlockIndex(last); ++index) {
+            if (!allocation.cachedChunkWithChunkIndex(index, error)) {
+                return false;
+            }
+        }
+        return true;
+    };
+    return std::ranges::all_of(changes.freed, load) && std::ranges::all_of(changes.used, load);
+}
+
 void HFSPlusForkExtents::_applyToBitmap(const PendingChanges& changes)
 {
     // All is freed before anything is marked: an extent may have gone from one record to another.
     HFSPlusAllocation& allocation = _volume.allocation();
+    bool applied = true;
     for (const HFSPlusHostExtentDescriptor& extent : changes.freed) {
-        // A block that stays marked is nobody's, and the next run leaves it alone.
-        std::ignore = allocation.clear(extent.startBlock, extent.blockCount, nullptr);
+        applied = allocation.clear(extent.startBlock, extent.blockCount, nullptr) && applied;
     }
     for (const HFSPlusHostExtentDescriptor& extent : changes.used) {
-        if (!allocation.set(extent.startBlock, extent.blockCount, nullptr)) {
-            // The blocks look free and would be written over, here or by whoever comes next.
-            _volume.metadataWriteDidFail();
-        }
+        applied = allocation.set(extent.startBlock, extent.blockCount, nullptr) && applied;
+    }
+    if (!applied) {
+        // The bits contradict the records. Blocks that look free would be written over, here or by
+        // whoever comes next.
+        _volume.metadataWriteDidFail();
     }
 }
 

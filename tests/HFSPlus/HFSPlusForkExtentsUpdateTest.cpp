@@ -148,27 +148,29 @@ TEST(HFSPlusForkExtents, ExtentsThatChangePlacesBetweenRecordsStayMarked)
     EXPECT_TRUE(isSound(volume));
 }
 
-TEST(HFSPlusForkExtents, BlocksThatCannotBeMarkedEndAllWriting)
+TEST(HFSPlusForkExtents, AForkStaysWhereItWasWhenTheBitsOfItsNewPlaceCannotBeRead)
 {
     const HFSPlusOpenedVolume volume(movieVolume({{100, 5}}));
     const HFSPlusForkHashes hashes = volume.hashes();
     const auto fork = openFork(volume, 20);
     ASSERT_TRUE(moveData(volume, *fork, 100, 500, 5));
 
-    // Clearing and setting ask for the bitmap's only chunk, which is not in memory yet.
+    // Both places lie under the bitmap's only chunk, which is not in memory yet.
     volume.faults().fail(FaultyBlockDevice::Operation::kRead, 1, EIO,
                          FaultyBlockDevice::Lasting::kFromThenOn);
-    EXPECT_TRUE(fork->update());
+    EXPECT_TRUE(failureOf([&](auto error) {
+                    return fork->update(error);
+                }).starts_with("Read failed with an error 5 at offset "));
     ASSERT_TRUE(volume.faults().faultReached());
     volume.faults().heal();
 
-    EXPECT_EQ(failureOf([&](auto error) { return volume->flush(error); }), "Write failure.");
+    EXPECT_TRUE(volume->flush(nullptr));
     EXPECT_EQ(extentsOnDisk(volume, 20), (Extents{{100, 5}}));
     EXPECT_EQ(volume.hashes(), hashes);
     EXPECT_TRUE(isSound(volume));
 }
 
-TEST(HFSPlusForkExtents, BlocksThatCannotBeFreedStayMarkedAndNothingIsLost)
+TEST(HFSPlusForkExtents, AForkStaysWhereItWasWhenTheBitsOfItsOldPlaceCannotBeRead)
 {
     // The old place lies under the bitmap's second chunk, the new one under the first.
     HFSPlusVolumeBuilder builder;
@@ -180,16 +182,19 @@ TEST(HFSPlusForkExtents, BlocksThatCannotBeFreedStayMarkedAndNothingIsLost)
     ASSERT_TRUE(moveData(volume, *fork, 280000, 5000, 5));
 
     volume.faults().fail(FaultyBlockDevice::Operation::kRead, 1, EIO);
-    EXPECT_TRUE(fork->update());
+    EXPECT_FALSE(fork->update());
     ASSERT_TRUE(volume.faults().faultReached());
 
+    EXPECT_EQ(flushedExtents(volume, 20), (Extents{{280000, 5}}));
+    uint32_t clear = 0;
+    ASSERT_TRUE(volume->allocation().isClear(5000, 5, clear, nullptr));
+    EXPECT_EQ(clear, 5u);
+    EXPECT_EQ(volume->hostVolumeHeader().freeBlocks, freeBlocks);
+    EXPECT_TRUE(isSound(volume));
+
+    EXPECT_TRUE(fork->update());
     EXPECT_EQ(flushedExtents(volume, 20), (Extents{{5000, 5}}));
-    uint32_t used = 0;
-    ASSERT_TRUE(volume->allocation().isSet(5000, 5, used, nullptr));
-    EXPECT_EQ(used, 5u);
-    ASSERT_TRUE(volume->allocation().isSet(280000, 5, used, nullptr));
-    EXPECT_EQ(used, 5u);
-    EXPECT_EQ(volume->hostVolumeHeader().freeBlocks, freeBlocks - 5);
+    EXPECT_TRUE(isSound(volume));
 }
 
 TEST(HFSPlusForkExtents, TheExtentsFileInMoreThanEightPiecesIsTooCongested)
