@@ -21,14 +21,17 @@ std::unique_ptr<uint8_t[]> allocateBytes(size_t nbyte)
     return std::unique_ptr<uint8_t[]>(new (std::nothrow) uint8_t[nbyte]);
 }
 
+/** Far more than signals can interrupt; a device that goes on saying so has failed. */
+constexpr uint32_t kMostInterruptions = 1000;
+
 /** Repeats @p attempt for as long as that attempt itself was interrupted. */
 template <typename Attempt>
 int64_t withoutInterruption(const Attempt& attempt)
 {
-    int64_t result = 0;
-    do {
+    int64_t result = attempt();
+    for (uint32_t count = 0; count < kMostInterruptions && result == -EINTR; ++count) {
         result = attempt();
-    } while (result == -EINTR);
+    }
     return result;
 }
 

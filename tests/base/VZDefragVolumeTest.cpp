@@ -295,6 +295,21 @@ TEST_F(VZDefragVolumeTest, AnInterruptedAttemptIsRepeated)
     EXPECT_TRUE(_faults->faultReached());
 }
 
+TEST_F(VZDefragVolumeTest, WhatIsInterruptedWithoutEndHasFailed)
+{
+    using Request = FaultyBlockDevice::Operation;
+    open(4096);
+    for (const Request request : {Request::kRead, Request::kWrite, Request::kSynchronize}) {
+        _faults->fail(request, 1, EINTR, FaultyBlockDevice::Lasting::kFromThenOn);
+    }
+
+    EXPECT_FALSE(read(512, 0));
+    EXPECT_EQ(reason(), "Read failed with an error 4 at offset 0 and size 512.");
+    EXPECT_FALSE(write(512, 0));
+    EXPECT_EQ(reason(), "Write failed with an error 4 at offset 0 and size 512.");
+    EXPECT_FALSE(_volume->synchronize(nullptr));
+}
+
 TEST_F(VZDefragVolumeTest, AnInterruptionOfLongAgoRepeatsNothing)
 {
     open(4096);
