@@ -40,6 +40,12 @@ bool writeAll(int descriptor, std::string_view bytes)
 
 }  // namespace
 
+VZDefragOutput::VZDefragOutput(int descriptor) : _descriptor(descriptor)
+{
+    // Printing takes no memory from here on: there are lines to print also when there is none.
+    _buffer.reserve(2 * kOutputBufferLimit);
+}
+
 VZDefragOutput& VZDefragOutput::standardOutput()
 {
     // Never destroyed: a detached task thread may still print while the process exits.
@@ -53,8 +59,7 @@ void VZDefragOutput::write(std::string_view lines)
     {
         const std::lock_guard guard(_lock);
         if (!_readerIsGone) {
-            _buffer.append(lines);
-            lostReader = _buffer.size() >= kOutputBufferLimit && _drain();
+            lostReader = _append(lines);
         }
     }
     if (lostReader) {
@@ -72,6 +77,19 @@ void VZDefragOutput::flush()
     if (lostReader) {
         VZDefragServices::sharedServices().outputReaderDidGoAway();
     }
+}
+
+bool VZDefragOutput::_append(std::string_view lines)
+{
+    if (lines.size() <= _buffer.capacity() - _buffer.size()) {
+        _buffer.append(lines);
+        return _buffer.size() >= kOutputBufferLimit && _drain();
+    }
+    if (_drain()) {
+        return true;
+    }
+    _readerIsGone = !writeAll(_descriptor, lines);
+    return _readerIsGone;
 }
 
 bool VZDefragOutput::_drain()

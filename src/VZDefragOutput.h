@@ -12,7 +12,7 @@
 class VZDefragOutput {
 public:
     /** Writes to @p descriptor, which stays the caller's. */
-    explicit VZDefragOutput(int descriptor) : _descriptor(descriptor) {}
+    explicit VZDefragOutput(int descriptor);
     VZDefragOutput(const VZDefragOutput&) = delete;
     VZDefragOutput& operator=(const VZDefragOutput&) = delete;
 
@@ -25,7 +25,8 @@ public:
 private:
     friend class VZDefragOutputLock;
 
-    /** Writes the buffer out. Returns whether this call found the reader gone. */
+    // Both return whether this call found the reader gone.
+    [[nodiscard]] bool _append(std::string_view lines);
     [[nodiscard]] bool _drain();
 
     const int _descriptor;

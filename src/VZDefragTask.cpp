@@ -2,8 +2,12 @@
 
 #include <memory>
 #include <mutex>
+#include <string_view>
+#include <tuple>
+#include <utility>
 
 #include "KLKit/KLDebug.h"
+#include "KLKit/KLMemory.h"
 #include "VZDefragOutput.h"
 #include "VZDefragServices.h"
 #include "VZDefragStringUtilities.h"
@@ -21,11 +25,44 @@ void printLine(const std::string& line)
     VZDefragFlushOutput();
 }
 
+/** Prints @p name and what follows it on the line, for which no memory is needed. */
+void printLine(const std::string& name, std::string_view rest)
+{
+    const VZDefragOutputLock output;
+    VZDefragWriteOutput(name);
+    VZDefragWriteOutput(rest);
+    VZDefragFlushOutput();
+}
+
 }  // namespace
 
 VZDefragTask::VZDefragTask(VZDefragVolume& volume)
     : _taskVolume(volume), _progressInterval(VZDefragServices::sharedServices().progressInterval())
 {
+    VZDefragFail(&_memoryError, "Out of memory.");
+}
+
+void VZDefragTask::performTask(const Work& work)
+{
+    std::unique_ptr<VZDefragError> error;
+    const bool hadMemory = KLWithinMemory([&] {
+        reportTaskStart();
+        work(error);
+    });
+    if (!hadMemory) {
+        didRunOutOfMemory(error);
+    }
+    const bool isReported = KLWithinMemory([&] { reportTaskError(error.get()); });
+    if (!isReported || (!hadMemory && error == nullptr)) {
+        // In fixed words where there is no memory for others.
+        std::ignore = KLWithinMemory([this] { printLine(name(), ",ERROR,Out of memory.\n"); });
+    }
+    std::ignore = KLWithinMemory([this] { reportTaskDone(); });
+}
+
+void VZDefragTask::didRunOutOfMemory(std::unique_ptr<VZDefragError>& error)
+{
+    error = std::move(_memoryError);
 }
 
 void VZDefragTask::reportTaskStart()
@@ -33,7 +70,7 @@ void VZDefragTask::reportTaskStart()
     // Unlocked: no other thread looks at these before the first progress is scheduled.
     _progressReported = now();
     _timeSpent = -_progressReported;
-    printLine(KLFormatString("%s,START\n", name()));
+    printLine(name(), ",START\n");
 }
 
 void VZDefragTask::updateTaskProgress(int32_t value)
@@ -100,7 +137,7 @@ void VZDefragTask::reportTaskDone()
             _timeSpent += now();
             elapsed = _timeSpent;
         }
-        printLine(KLFormatString("%s,DONE\n", name()));
+        printLine(name(), ",DONE\n");
     }
     KLDebugLog(KLDebugLevel::kDebug, "%@,DEBUG,Elapsed time %.03fs\n", name(), elapsed);
 }

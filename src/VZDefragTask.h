@@ -1,6 +1,8 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <memory>
 
 #include "KLKit/KLToolTask.h"
 #include "VZDefragError.h"
@@ -9,8 +11,8 @@ class VZDefragVolume;
 
 /** Base of all commands: the lines that frame a task's output, progress and elapsed time.
  *
- *  The work calls reportTaskStart, then updateTaskProgress as it goes, reportTaskError when it
- *  failed, and reportTaskDone in every case; all on the task's thread.
+ *  A command hands its work to performTask and calls updateTaskProgress as it goes; both on the
+ *  task's thread.
  */
 class VZDefragTask : public KLToolTask {
 public:
@@ -19,6 +21,13 @@ public:
     [[nodiscard]] double progressReportInterval() const { return _progressInterval; }
     void setProgressReportInterval(double interval) { _progressInterval = interval; }
 
+    /** What a command does; leaves in the slot why it failed. */
+    using Work = std::function<void(std::unique_ptr<VZDefragError>& error)>;
+    /** Prints the start line, does @p work, prints its error if there is one and the done line.
+     *
+     *  Work that there is no memory for ends with "Out of memory.", whatever it was at.
+     */
+    void performTask(const Work& work);
     /** Prints the start line. */
     void reportTaskStart();
     /** Records a value; schedules a progress line when one is due. Task's thread. */
@@ -32,11 +41,14 @@ public:
 
 protected:
     [[nodiscard]] VZDefragVolume& taskVolume() const { return _taskVolume; }
+    /** Makes "Out of memory." the error, for which there is memory the first time. */
+    void didRunOutOfMemory(std::unique_ptr<VZDefragError>& error);
 
 private:
     [[nodiscard]] bool _takeProgressValue(int32_t& value);
 
     VZDefragVolume& _taskVolume;
+    std::unique_ptr<VZDefragError> _memoryError;  // made while there was memory
     double _timeSpent = 0;  // minus the start time while running; guarded by _lock, as those below
     double _progressInterval;       // seconds
     double _progressReported = 0;   // when the last progress line was printed

@@ -11,6 +11,7 @@
 
 #include "HFSPlus/HFSPlusVolume.h"
 #include "HFSPlus/HFSPlusVolumeProber.h"
+#include "KLKit/KLMemory.h"
 #include "KLKit/KLNotificationCenter.h"
 #include "KLKit/KLStringUtilities.h"
 #include "Platform/LinuxDeviceOpener.h"
@@ -100,6 +101,13 @@ void printErrorLine(const VZDefragError& error)
     VZDefragFlushOutput();
 }
 
+/** Prints the line in fixed words, for which no memory is needed. */
+void printOutOfMemory()
+{
+    VZDefragWriteOutput("ERROR,Out of memory.\n");
+    VZDefragFlushOutput();
+}
+
 template <typename... Arguments>
 void printError(std::string_view format, const Arguments&... arguments)
 {
@@ -146,10 +154,17 @@ void VZDefragToolApplication::argumentsEvent(const std::shared_ptr<KLToolEvent>&
 {
     std::unique_ptr<VZDefragError> error;
     Options options;
-    const bool opened =
-        _parseArguments(event->arguments(), options, &error) && _openDevice(options, &error);
-    if (error != nullptr) {
-        printErrorLine(*error);
+    bool opened = false;
+    const bool hadMemory = KLWithinMemory([&] {
+        opened =
+            _parseArguments(event->arguments(), options, &error) && _openDevice(options, &error);
+        if (error != nullptr) {
+            printErrorLine(*error);
+        }
+    });
+    if (!hadMemory) {
+        _volume.reset();
+        printOutOfMemory();
     }
     event->complete();
     if (options.quit || !opened) {
@@ -258,25 +273,36 @@ bool VZDefragToolApplication::_openDevice(const Options& options, VZDefragErrorS
 
 void VZDefragToolApplication::stringEvent(const std::shared_ptr<KLToolEvent>& event)
 {
+    bool isKept = false;
+    if (!KLWithinMemory([&] { isKept = _runCommand(event); })) {
+        printOutOfMemory();
+    }
+    if (!isKept) {
+        event->complete();
+    }
+}
+
+/** Runs the command of @p event; whether a task keeps the event until it ends. */
+bool VZDefragToolApplication::_runCommand(const std::shared_ptr<KLToolEvent>& event)
+{
     const std::string line = event->string();
     const std::string word = firstComponentSeparatedByCharactersInSet(line, kWordSeparators);
     if (_terminateRequestPending || word.empty()) {
-        event->complete();
-        return;
+        return false;
     }
     switch (commandWithWord(word)) {
         case Command::kBitmap:
             _startReportTask<HFSPlusBitmapTask>(event);
-            return;
+            return true;
         case Command::kFragInfo:
             _startReportTask<HFSPlusFragInfoTask>(event);
-            return;
+            return true;
         case Command::kMap:
             _startReportTask<HFSPlusMapTask>(event);
-            return;
+            return true;
         case Command::kScan:
             _startReportTask<HFSPlusScanTask>(event);
-            return;
+            return true;
         case Command::kCompact:
             _startMovingTask(line, true);
             break;
@@ -290,7 +316,7 @@ void VZDefragToolApplication::stringEvent(const std::shared_ptr<KLToolEvent>& ev
             printError("%1$@ is not a recognized command.", word);
             break;
     }
-    event->complete();
+    return false;
 }
 
 /** The opened volume; only HFSPlusVolumeProber makes volumes here. */
@@ -316,8 +342,13 @@ void VZDefragToolApplication::_startMovingTask(const std::string& line, bool com
 
 void VZDefragToolApplication::_startTask(const std::shared_ptr<KLToolTask>& task)
 {
-    _tasks.insert(task);
-    task->start();
+    const auto place = _tasks.insert(task).first;
+    try {
+        task->start();
+    } catch (...) {
+        _tasks.erase(place);  // a task without a thread never announces its end
+        throw;
+    }
 }
 
 void VZDefragToolApplication::terminate()

@@ -56,6 +56,7 @@ private:
     [[nodiscard]] bool _setProgressInterval(const std::string& option, const std::string& value,
                                             VZDefragErrorSlot error);
     [[nodiscard]] bool _openDevice(const Options& options, VZDefragErrorSlot error);
+    [[nodiscard]] bool _runCommand(const std::shared_ptr<KLToolEvent>& event);
     [[nodiscard]] HFSPlusVolume& _hfsPlusVolume() const;
     template <typename Task>
     void _startReportTask(const std::shared_ptr<KLToolEvent>& event);

@@ -1,9 +1,10 @@
 #include "VZDefragTransferQueue.h"
 
 #include <algorithm>
-#include <system_error>
+#include <tuple>
 #include <utility>
 
+#include "KLKit/KLMemory.h"
 #include "VZDefragVolume.h"
 
 namespace {
@@ -15,14 +16,13 @@ constexpr size_t kThreads = 8;
 
 VZDefragTransferQueue::VZDefragTransferQueue(VZDefragVolume& volume) : _volume(volume)
 {
-    _threads.reserve(kThreads);
-    try {
+    // With fewer threads it only takes longer; with none, finish() does the work itself.
+    std::ignore = KLWithinMemory([this] {
+        _threads.reserve(kThreads);
         while (_threads.size() < kThreads) {
             _threads.emplace_back([this] { _work(); });
         }
-    } catch (const std::system_error&) {
-        // With fewer threads it only takes longer; with none, finish() does the work itself.
-    }
+    });
 }
 
 VZDefragTransferQueue::~VZDefragTransferQueue()
@@ -52,11 +52,14 @@ void VZDefragTransferQueue::_append(Piece request)
 {
     {
         const std::lock_guard guard(_lock);
-        while (request.nbyte > 0 && _failure == nullptr) {
+        while (request.nbyte > 0 && !_failed) {
             Piece piece = request;
             piece.number = _nextNumber++;
             piece.nbyte = std::min(request.nbyte, VZDefragVolume::kLargestPiece);
-            _waiting.push_back(piece);
+            // Nothing is thrown at a caller whose buffers others are using.
+            if (!KLWithinMemory([&] { _waiting.push_back(piece); })) {
+                _pieceDidFail(piece, nullptr);
+            }
             request.target += request.target != nullptr ? piece.nbyte : 0;
             request.source += request.source != nullptr ? piece.nbyte : 0;
             request.offset += piece.nbyte;
@@ -74,8 +77,11 @@ bool VZDefragTransferQueue::finish(VZDefragErrorSlot error)
     }
     _changed.wait(guard, [this] { return _waiting.empty() && _underWay == 0; });
     std::unique_ptr<VZDefragError> failure = std::exchange(_failure, nullptr);
-    if (failure == nullptr) {
+    if (!std::exchange(_failed, false)) {
         return true;
+    }
+    if (failure == nullptr) {
+        return VZDefragFail(error, "Out of memory.");
     }
     if (VZDefragWantsError(error)) {
         *error = std::move(failure);
@@ -106,16 +112,25 @@ void VZDefragTransferQueue::_doNextPiece(std::unique_lock<std::mutex>& guard)
     ++_underWay;
     guard.unlock();
     std::unique_ptr<VZDefragError> failure;
-    const bool transferred = _transfer(piece, &failure);
+    bool transferred = false;
+    // What fails for lack of memory, the text that says so included, has failed without an error.
+    std::ignore = KLWithinMemory([&] { transferred = _transfer(piece, &failure); });
     guard.lock();
     --_underWay;
     if (!transferred) {
-        if (_failure == nullptr || piece.number < _failedNumber) {
-            _failedNumber = piece.number;
-            _failure = std::move(failure);
-        }
-        _waiting.clear();
+        _pieceDidFail(piece, std::move(failure));
     }
+}
+
+void VZDefragTransferQueue::_pieceDidFail(const Piece& piece,
+                                          std::unique_ptr<VZDefragError> failure)
+{
+    if (!_failed || piece.number < _failedNumber) {
+        _failed = true;
+        _failedNumber = piece.number;
+        _failure = std::move(failure);
+    }
+    _waiting.clear();
 }
 
 bool VZDefragTransferQueue::_transfer(const Piece& piece, VZDefragErrorSlot error)

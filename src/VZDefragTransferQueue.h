@@ -47,6 +47,7 @@ private:
     void _append(Piece request);
     void _work();
     void _doNextPiece(std::unique_lock<std::mutex>& guard);
+    void _pieceDidFail(const Piece& piece, std::unique_ptr<VZDefragError> failure);
     [[nodiscard]] bool _transfer(const Piece& piece, VZDefragErrorSlot error);
 
     VZDefragVolume& _volume;
@@ -56,7 +57,8 @@ private:
     uint64_t _nextNumber = 0;
     size_t _underWay = 0;
     bool _ends = false;
+    bool _failed = false;
     uint64_t _failedNumber = 0;
-    std::unique_ptr<VZDefragError> _failure;  // of the piece _failedNumber
+    std::unique_ptr<VZDefragError> _failure;  // of the piece _failedNumber; null: no memory
     std::vector<std::thread> _threads;
 };

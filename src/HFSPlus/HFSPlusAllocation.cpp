@@ -7,8 +7,10 @@
 #include <string_view>
 
 #include "HFSPlus/HFSPlusAllocationReadAhead.h"
+#include "HFSPlus/HFSPlusUninterruptedChange.h"
 #include "HFSPlus/HFSPlusVolume.h"
 #include "KLKit/KLDebug.h"
+#include "KLKit/KLMemory.h"
 #include "KLKit/KLStringUtilities.h"
 
 namespace {
@@ -209,8 +211,9 @@ void HFSPlusAllocation::cachedChunkRelease(HFSPlusAllocationChunk& chunk)
     }
     CacheEntry& entry = found->second;
     --entry.refcnt;
-    if (entry.refcnt == 0 && !_isOfDraft(chunk)) {
-        _chunkCache.enqueueHeadObject(entry.chunk);
+    if (entry.refcnt == 0 && !_isOfDraft(chunk) &&
+        KLWithinMemory([&] { _chunkCache.enqueueHeadObject(entry.chunk); })) {
+        // Without memory for its place in the queue the chunk stays until it is next given back.
         _trimChunkCache();
     }
 }
@@ -235,7 +238,9 @@ void HFSPlusAllocation::_cachedChunkDealloc(const std::shared_ptr<HFSPlusAllocat
 {
     // A failure is logged by the chunk and remembered by the volume, which then refuses to write
     // a header over a bitmap that has lost a change.
-    std::ignore = chunk->flush();
+    if (!KLWithinMemory([&chunk] { std::ignore = chunk->flush(); })) {
+        _volume.metadataWriteDidFail();
+    }
     if (_chunkCacheTOC.erase(chunk->index()) == 0) {
         KLPanic("allocation chunk %lu is not in the cache\n", chunk->index());
     }
@@ -312,6 +317,7 @@ bool HFSPlusAllocation::isSet(uint32_t block, uint32_t count, uint32_t& result,
 template <bool kSet>
 bool HFSPlusAllocation::_markRun(uint32_t block, uint32_t count, VZDefragErrorSlot error)
 {
+    const HFSPlusUninterruptedChange change(_volume);
     bool marked = _checkRange(block, count, error);
     uint64_t processed = 0;
     const uint64_t chunkBits = uint64_t{_chunkSize} * 8;
@@ -373,9 +379,11 @@ void HFSPlusAllocation::beginDraft()
 
 void HFSPlusAllocation::keepDraft()
 {
-    if (!std::exchange(_isDraft, false)) {
+    if (!_isDraft) {
         return;
     }
+    const HFSPlusUninterruptedChange change(_volume);
+    _isDraft = false;
     _draftChunks = 0;
     for (const auto& [index, entry] : _chunkCacheTOC) {
         if (entry.refcnt == 0 && entry.chunk->dirty()) {

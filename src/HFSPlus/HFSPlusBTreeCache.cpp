@@ -5,7 +5,9 @@
 
 #include "HFSPlus/HFSPlusBTreeSnapshot.h"
 #include "HFSPlus/HFSPlusBTreeTransaction.h"
+#include "HFSPlus/HFSPlusVolume.h"
 #include "KLKit/KLDebug.h"
+#include "KLKit/KLMemory.h"
 
 // The node cache of HFSPlusBTreeFile: references, the queue of nodes without any, eviction, and
 // the transactions that put nodes back as they were.
@@ -31,11 +33,12 @@ HFSPlusCachedNode HFSPlusBTreeFile::cachedNodeWithIndex(uint32_t index,
         _retain(*entry->second);
     }
     HFSPlusBTreeNode& node = *entry->second;
+    HFSPlusCachedNode taken(*this, node);
     if (_snapshot != nullptr && !_snapshot->nodes.contains(index)) {
         const std::span<const uint8_t> bytes = node.bytes();
         _snapshot->nodes[index] = {{bytes.begin(), bytes.end()}, node.dirty()};
     }
-    return {*this, node};
+    return taken;
 }
 
 HFSPlusCachedNode HFSPlusBTreeFile::soundNodeWithIndex(uint32_t index, std::string_view message,
@@ -103,9 +106,11 @@ void HFSPlusBTreeFile::_trimCache()
         if (_holdsWrites && node.dirty()) {
             // Out of the queue, so that the next release does not meet it again; it still counts,
             // so that clean nodes make room for it.
+            if (!KLWithinMemory([&] { _parkedNodes.push_back(node.index()); })) {
+                return;  // the next release tries again
+            }
             _unlinkFromQueue(node);
             node._cacheParked = true;
-            _parkedNodes.push_back(node.index());
         } else {
             _cachedNodeDealloc(node);
         }
@@ -116,7 +121,9 @@ void HFSPlusBTreeFile::_cachedNodeDealloc(HFSPlusBTreeNode& node)
 {
     if (!_holdsWrites) {
         // The node logs a write that fails; nobody is left who could do more about it.
-        std::ignore = node.flush();
+        if (!KLWithinMemory([&node] { std::ignore = node.flush(); })) {
+            _volume.metadataWriteDidFail();
+        }
     }
     _unlinkFromQueue(node);
     --_nodeCacheCount;
@@ -188,11 +195,12 @@ void HFSPlusBTreeFile::_beginTransaction()
     if (_snapshot != nullptr) {
         KLPanic("a transaction began inside another\n");
     }
-    _snapshot = std::make_unique<Snapshot>();
-    _snapshot->hostHeaderRec = _hostHeaderRec;
-    _snapshot->freeNodeMap = _freeNodeMap;
-    _snapshot->updated = _updated;
-    _snapshot->heldWrites = _holdsWrites;
+    auto snapshot = std::make_unique<Snapshot>();
+    snapshot->hostHeaderRec = _hostHeaderRec;
+    snapshot->freeNodeMap = _freeNodeMap;
+    snapshot->updated = _updated;
+    snapshot->heldWrites = _holdsWrites;
+    _snapshot = std::move(snapshot);
     setHoldsWrites(true);
 }
 

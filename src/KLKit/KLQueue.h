@@ -116,9 +116,11 @@ private:
             KLPanic("inserting an object that is none or already in the queue\n");
         }
         auto owned = std::make_unique<Node>(Node{.next = next, .prev = prev, .object = object});
-        (prev != nullptr ? prev->next : _head) = owned.get();
-        (next != nullptr ? next->prev : _tail) = owned.get();
+        Node* const node = owned.get();
         _map.emplace(object.get(), std::move(owned));
+        // Last: a queue for which there was no memory stays as it was.
+        (prev != nullptr ? prev->next : _head) = node;
+        (next != nullptr ? next->prev : _tail) = node;
     }
 
     Object _remove(Node* node)

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "KLKit/KLDebug.h"
+#include "KLKit/KLMemory.h"
 #include "KLKit/KLStringUtilities.h"
 #include "Platform/LinuxRunLoop.h"
 #include "Platform/PlatformSystem.h"
@@ -73,10 +74,23 @@ int KLToolApplication::run()
 {
     requireMainThread();
     while (!_terminated) {
-        _sendNextEvent();
-        _runOneTurn();
+        const bool hadMemory = KLWithinMemory([this] {
+            _sendNextEvent();
+            _runOneTurn();
+        });
+        if (!hadMemory) {
+            _endWithoutMemory();
+        }
     }
     return _exitStatus;
+}
+
+/** Ends as at the end of input. What was lost with an event, a line or a signal cannot be made up
+ *  for, while the work that is under way may still come to its own end. */
+void KLToolApplication::_endWithoutMemory()
+{
+    std::ignore = KLWithinMemory([] { KLDebugLog(KLDebugLevel::kError, "Out of memory.\n"); });
+    terminate();
 }
 
 void KLToolApplication::_sendNextEvent()
@@ -304,7 +318,12 @@ void KLToolApplication::_drainMainThreadWork()
         const std::lock_guard guard(_workMutex);
         work.swap(_mainThreadWork);
     }
+    bool hadMemory = true;
     for (const std::function<void()>& item : work) {
-        item();
+        // Each by itself: one of them may be the end of a task, which is waited for.
+        hadMemory = KLWithinMemory(item) && hadMemory;
+    }
+    if (!hadMemory) {
+        _endWithoutMemory();
     }
 }

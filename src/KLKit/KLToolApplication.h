@@ -70,6 +70,7 @@ private:
     [[nodiscard]] std::shared_ptr<KLToolEvent> _cutCharacter();
     [[nodiscard]] std::shared_ptr<KLToolEvent> _cutBytes(size_t size, size_t separatorSize);
     void _drainMainThreadWork();
+    void _endWithoutMemory();
 
     std::unique_ptr<PlatformRunLoop> _runLoop;
     std::map<int, SignalHandler> _signalHandlers;

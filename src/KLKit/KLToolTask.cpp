@@ -3,6 +3,7 @@
 #include <thread>
 
 #include "KLKit/KLDebug.h"
+#include "KLKit/KLMemory.h"
 #include "KLKit/KLNotificationCenter.h"
 #include "KLKit/KLToolEvent.h"
 
@@ -48,10 +49,12 @@ void KLToolTask::_start(std::condition_variable_any& handshake)
         _action();
     }
     // Before the event, so that the application knows of the end when the next line is dispatched.
-    KLNotificationCenter::defaultCenter().post(KLToolTaskDidTerminateNotification,
-                                               shared_from_this());
+    KLInsist([this] {
+        KLNotificationCenter::defaultCenter().post(KLToolTaskDidTerminateNotification,
+                                                   shared_from_this());
+    });
     if (_event != nullptr) {
-        _event->complete();
+        KLInsist([this] { _event->complete(); });
     }
     threadTask = nullptr;
 }

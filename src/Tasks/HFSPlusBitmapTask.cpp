@@ -32,20 +32,16 @@ std::optional<int32_t> scaleAtStart(std::string_view word)
 HFSPlusBitmapTask::HFSPlusBitmapTask(HFSPlusVolume& volume, std::shared_ptr<KLToolEvent> event)
     : HFSPlusReportTask(volume, std::move(event), "BITMAP")
 {
-    setAction([this] { _bitmap(); });
+    setAction([this] { performTask([this](auto& error) { _bitmap(error); }); });
 }
 
-void HFSPlusBitmapTask::_bitmap()
+void HFSPlusBitmapTask::_bitmap(std::unique_ptr<VZDefragError>& error)
 {
-    reportTaskStart();
-    std::unique_ptr<VZDefragError> error;
     int32_t scale = 0;
     if (_parseArguments(scale, &error)) {
         const KLClosedGate gate(_volume.gate());
         std::ignore = _parseAllocationWithScale(scale, &error);  // the error says it all
     }
-    reportTaskError(error.get());
-    reportTaskDone();
 }
 
 bool HFSPlusBitmapTask::_parseArguments(int32_t& scale, VZDefragErrorSlot error)

@@ -11,7 +11,7 @@ public:
     HFSPlusBitmapTask(HFSPlusVolume& volume, std::shared_ptr<KLToolEvent> event);
 
 private:
-    void _bitmap();
+    void _bitmap(std::unique_ptr<VZDefragError>& error);
     /** Reads the arguments; @p scale is at least 1 on success. */
     [[nodiscard]] bool _parseArguments(int32_t& scale, VZDefragErrorSlot error);
     [[nodiscard]] bool _parseAllocationWithScale(int32_t scale, VZDefragErrorSlot error);

@@ -9,7 +9,9 @@
 #include "HFSPlus/HFSPlusCatalog.h"
 #include "HFSPlus/HFSPlusChangeMark.h"
 #include "HFSPlus/HFSPlusExtents.h"
+#include "HFSPlus/HFSPlusUninterruptedChange.h"
 #include "HFSPlus/HFSPlusVolume.h"
+#include "KLKit/KLMemory.h"
 #include "Tasks/HFSPlusCopyBuffer.h"
 #include "Tasks/HFSPlusDefragProgress.h"
 #include "Tasks/HFSPlusMovedForks.h"
@@ -75,15 +77,26 @@ void HFSPlusCopyList::dispose()
 bool HFSPlusCopyList::perform(HFSPlusExtentMap& map, bool countProgress, VZDefragErrorSlot error)
 {
     std::unique_ptr<VZDefragError> failure;
-    const bool performed = _perform(map, countProgress, &failure);
+    bool performed = false;
+    const bool hadMemory =
+        KLWithinMemory([&] { performed = _perform(map, countProgress, &failure); });
     // The forks done before a failure already name their new blocks, so the volume is written
     // either way.
-    const bool flushed = _volume.flush(failure == nullptr ? &failure : nullptr);
+    const bool flushed = _flush(failure == nullptr && hadMemory ? &failure : nullptr);
     VZDefragFlushOutput();
+    if (!hadMemory) {
+        return VZDefragFail(error, "Out of memory.");
+    }
     if (failure != nullptr && VZDefragWantsError(error)) {
         *error = std::move(failure);
     }
     return performed && flushed;
+}
+
+bool HFSPlusCopyList::_flush(VZDefragErrorSlot error)
+{
+    const HFSPlusUninterruptedChange change(_volume);
+    return _volume.flush(error);
 }
 
 bool HFSPlusCopyList::_perform(HFSPlusExtentMap& map, bool countProgress, VZDefragErrorSlot error)
@@ -91,7 +104,7 @@ bool HFSPlusCopyList::_perform(HFSPlusExtentMap& map, bool countProgress, VZDefr
     _volume.allocation().keepDraft();  // the first write comes now
     // What the disk holds is what gets copied: nothing of a special file may be waiting in memory
     // when its blocks are read, nor go to its old place once they were.
-    if ((_volume.needsFlush() && !_volume.flush(error)) || !_checkExtentsFile(error)) {
+    if ((_volume.needsFlush() && !_flush(error)) || !_checkExtentsFile(error)) {
         return false;
     }
     const std::vector<HFSPlusHeldWrites> held = _holdSpecialFiles();
@@ -239,13 +252,24 @@ std::vector<HFSPlusCopyList::Group> HFSPlusCopyList::_groups() const
 bool HFSPlusCopyList::_moveForks(HFSPlusExtentMap& map, bool countProgress, VZDefragErrorSlot error)
 {
     HFSPlusMovedForks forks(_volume, map);
+    bool moved = false;
+    const bool hadMemory =
+        KLWithinMemory([&] { moved = _moveGroups(forks, countProgress, error); });
+    if (!moved) {
+        // Data of the groups before were reported as moved, so their records follow.
+        std::ignore = forks.updateAll(nullptr);  // the first reason is the one that counts
+    }
+    return hadMemory ? moved : VZDefragFail(error, "Out of memory.");
+}
+
+bool HFSPlusCopyList::_moveGroups(HFSPlusMovedForks& forks, bool countProgress,
+                                  VZDefragErrorSlot error)
+{
     for (const Group& group : _groups()) {
         const HFSPlusCopyEntry& entry = *group.first;
         HFSPlusForkExtents* const fork = forks.openFork(entry.cnid, entry.info, error);
         if (fork == nullptr || !_moveGroup(*fork, group, countProgress, error) ||
             (group.lastOfFork && !forks.updateFork(entry.cnid, entry.info, error))) {
-            // Data of the groups before were reported as moved, so their records follow.
-            std::ignore = forks.updateAll(nullptr);  // the first reason is the one that counts
             return false;
         }
         _volume.yieldGate();

@@ -12,6 +12,7 @@
 class HFSPlusCopyBuffer;
 class HFSPlusDefragProgress;
 class HFSPlusExtentMap;
+class HFSPlusMovedForks;
 class HFSPlusVolume;
 
 /** One queued copy; host order, allocation blocks. */
@@ -60,6 +61,7 @@ public:
 private:
     struct Group;
 
+    [[nodiscard]] bool _flush(VZDefragErrorSlot error);
     [[nodiscard]] bool _perform(HFSPlusExtentMap& map, bool countProgress, VZDefragErrorSlot error);
     [[nodiscard]] bool _checkExtentsFile(VZDefragErrorSlot error);
     [[nodiscard]] bool _checkDestinations(VZDefragErrorSlot error);
@@ -72,6 +74,8 @@ private:
     [[nodiscard]] std::vector<Group> _groups() const;
     [[nodiscard]] bool _moveForks(HFSPlusExtentMap& map, bool countProgress,
                                   VZDefragErrorSlot error);
+    [[nodiscard]] bool _moveGroups(HFSPlusMovedForks& forks, bool countProgress,
+                                   VZDefragErrorSlot error);
     [[nodiscard]] bool _moveGroup(HFSPlusForkExtents& fork, const Group& group, bool countProgress,
                                   VZDefragErrorSlot error);
 

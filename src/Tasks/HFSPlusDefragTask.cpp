@@ -8,8 +8,10 @@
 #include "HFSPlus/HFSPlusBitmapDraft.h"
 #include "HFSPlus/HFSPlusChangeMark.h"
 #include "HFSPlus/HFSPlusForkExtents.h"
+#include "HFSPlus/HFSPlusUninterruptedChange.h"
 #include "HFSPlus/HFSPlusVolume.h"
 #include "KLKit/KLDebug.h"
+#include "KLKit/KLMemory.h"
 #include "Tasks/HFSPlusApplicationProfile.h"
 #include "Tasks/HFSPlusBootCacheProfile.h"
 #include "Tasks/HFSPlusCompactSelection.h"
@@ -32,7 +34,7 @@ HFSPlusDefragTask::HFSPlusDefragTask(HFSPlusVolume& volume, bool compact)
     : VZDefragTask(volume), _volume(volume), _compact(compact)
 {
     setName(_compact ? "COMPACT" : "DEFRAG");
-    setAction([this] { _defrag(); });
+    setAction([this] { performTask([this](auto& error) { _defrag(error); }); });
 }
 
 void HFSPlusDefragTask::setProfileFileForks(std::unique_ptr<HFSPlusFileForkSet> fileForks)
@@ -40,25 +42,29 @@ void HFSPlusDefragTask::setProfileFileForks(std::unique_ptr<HFSPlusFileForkSet> 
     _profileFileForks = std::move(fileForks);
 }
 
-void HFSPlusDefragTask::_defrag()
+void HFSPlusDefragTask::_defrag(std::unique_ptr<VZDefragError>& error)
 {
-    reportTaskStart();
-    std::unique_ptr<VZDefragError> error;
-    if (_parseOptions(&error) && _checkVolume(&error)) {
-        // One mover at a time for the whole command: each plans its copies on a map that nobody
-        // else's moves may make untrue.
-        const KLClosedGate movingGate(_volume.movingGate());
-        const KLClosedGate gate(_volume.gate());
-        const bool moved = _moveData(&error);
-        // A run that was refused before it wrote anything leaves no trace, repairs of the bitmap
-        // included.
-        if (moved || _volume.changeMark().isSet()) {
-            std::ignore = _volume.finishChanges(&error);
-        }
-        _copyBuffer.reset();
+    if (!_parseOptions(&error) || !_checkVolume(&error)) {
+        return;
     }
-    reportTaskError(error.get());
-    reportTaskDone();
+    // One mover at a time for the whole command: each plans its copies on a map that nobody
+    // else's moves may make untrue.
+    const KLClosedGate movingGate(_volume.movingGate());
+    const KLClosedGate gate(_volume.gate());
+    bool moved = false;
+    const bool hadMemory = KLWithinMemory([&] { moved = _moveData(&error); });
+    _span.reset();
+    _copyBuffer.reset();
+    if (!hadMemory) {
+        didRunOutOfMemory(error);
+    }
+    // A run that was refused before it wrote anything leaves no trace, repairs of the bitmap
+    // included.
+    if (moved || _volume.changeMark().isSet()) {
+        // What is changed in memory is whole, or the volume takes it no more.
+        const HFSPlusUninterruptedChange change(_volume);
+        std::ignore = _volume.finishChanges(&error);
+    }
 }
 
 bool HFSPlusDefragTask::_parseOptions(VZDefragErrorSlot error)
@@ -149,13 +155,16 @@ std::unique_ptr<HFSPlusSourceSelection> HFSPlusDefragTask::_makeSelection()
 
 bool HFSPlusDefragTask::_prepareProfiles(VZDefragErrorSlot error)
 {
-    const bool built = _buildProfiles(error);
+    bool built = false;
+    const bool hadMemory = KLWithinMemory([&] { built = _buildProfiles(error); });
     if (_profileFileForks != nullptr && _profileFileForks->count() == 0) {
         _profileFileForks.reset();
     }
     // The playlist's blocks are free in memory. They stay untouched until the catalog on disk has
     // let go of them, which a failure here leaves in doubt.
-    return _volume.flush(built ? error : nullptr) && built;
+    const HFSPlusUninterruptedChange change(_volume);
+    const bool flushed = _volume.flush(built ? error : nullptr);
+    return hadMemory ? flushed && built : VZDefragFail(error, "Out of memory.");
 }
 
 /** Adds the forks of the profiles that were asked for, those that are read at start-up first. */

@@ -29,7 +29,7 @@ public:
 private:
     enum class Front { kFailed, kInPlace, kStartHere };
 
-    void _defrag();
+    void _defrag(std::unique_ptr<VZDefragError>& error);
     [[nodiscard]] bool _parseOptions(VZDefragErrorSlot error);
     [[nodiscard]] bool _parseProfiles(const std::string& list, VZDefragErrorSlot error);
     [[nodiscard]] bool _checkVolume(VZDefragErrorSlot error) const;

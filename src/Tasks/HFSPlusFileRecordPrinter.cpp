@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "HFSPlus/HFSPlusVolume.h"
+#include "KLKit/KLMemory.h"
 #include "VZDefragOutput.h"
 
 namespace {
@@ -67,12 +68,15 @@ void HFSPlusFileRecordPrinter::_appendHead(uint32_t parentID, std::string_view s
 bool HFSPlusFileRecordPrinter::_printForks(uint32_t fileID, const HFSPlusForkData& data,
                                            const HFSPlusForkData& resource, VZDefragErrorSlot error)
 {
-    const bool printed =
-        _extents.visitForkExtents(data, fileID, kHFSDataForkType, _visitor, error) &&
-        _extents.visitForkExtents(resource, fileID, kHFSResourceForkType, _visitor, error);
+    bool printed = false;
+    const bool hadMemory = KLWithinMemory([&] {
+        printed =
+            _extents.visitForkExtents(data, fileID, kHFSDataForkType, _visitor, error) &&
+            _extents.visitForkExtents(resource, fileID, kHFSResourceForkType, _visitor, error);
+    });
     _line[_length++] = '\n';
     _writeOut();
-    return printed;
+    return hadMemory ? printed : VZDefragFail(error, "Out of memory.");
 }
 
 void HFSPlusFileRecordPrinter::_appendExtent(const HFSPlusHostExtentDescriptor& extent)

@@ -12,18 +12,14 @@
 HFSPlusFragInfoTask::HFSPlusFragInfoTask(HFSPlusVolume& volume, std::shared_ptr<KLToolEvent> event)
     : HFSPlusReportTask(volume, std::move(event), "FRAGINFO")
 {
-    setAction([this] { _scan(); });
+    setAction([this] { performTask([this](auto& error) { _scan(error); }); });
 }
 
-void HFSPlusFragInfoTask::_scan()
+void HFSPlusFragInfoTask::_scan(std::unique_ptr<VZDefragError>& error)
 {
-    reportTaskStart();
-    std::unique_ptr<VZDefragError> error;
     if (_checkOptions(&error)) {
         std::ignore = _scanCatalog(&error);  // the error says it all
     }
-    reportTaskError(error.get());
-    reportTaskDone();
 }
 
 bool HFSPlusFragInfoTask::_checkOptions(VZDefragErrorSlot error) const

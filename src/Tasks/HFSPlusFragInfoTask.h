@@ -15,7 +15,7 @@ private:
     [[nodiscard]] bool scanCatalogFile(const HFSPlusCatalogFile& file, std::span<const uint8_t> key,
                                        VZDefragErrorSlot error) override;
 
-    void _scan();
+    void _scan(std::unique_ptr<VZDefragError>& error);
     [[nodiscard]] bool _checkOptions(VZDefragErrorSlot error) const;
     [[nodiscard]] bool _scanCatalog(VZDefragErrorSlot error);
     void _printRecord() const;

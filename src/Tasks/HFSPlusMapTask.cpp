@@ -36,27 +36,23 @@ bool parseCNID(std::string_view word, uint32_t& cnid)
 HFSPlusMapTask::HFSPlusMapTask(HFSPlusVolume& volume, std::shared_ptr<KLToolEvent> event)
     : HFSPlusReportTask(volume, std::move(event), "MAP")
 {
-    setAction([this] { _map(); });
+    setAction([this] { performTask([this](auto& error) { _map(error); }); });
 }
 
-void HFSPlusMapTask::_map()
+void HFSPlusMapTask::_map(std::unique_ptr<VZDefragError>& error)
 {
-    reportTaskStart();
-    std::unique_ptr<VZDefragError> error;
     if (arguments().size() > 1) {
         _mapWords(error);
-        _gate.reset();
     } else {
         VZDefragFail(&error, "No options specified.");
     }
-    reportTaskError(error.get());
-    reportTaskDone();
 }
 
 /** Maps what the words ask for; the last thing that went wrong is what is told. */
 void HFSPlusMapTask::_mapWords(std::unique_ptr<VZDefragError>& error)
 {
     const std::vector<std::string>& words = arguments();
+    Gate gate;
     for (size_t index = 1; index < words.size(); ++index) {
         const std::string& word = words[index];
         std::unique_ptr<VZDefragError> failure;
@@ -67,7 +63,7 @@ void HFSPlusMapTask::_mapWords(std::unique_ptr<VZDefragError>& error)
         }
         const bool hasValue = ++index < words.size();
         const bool mapped = hasValue
-                                ? _mapOption(word, words[index], &failure)
+                                ? _mapOption(word, words[index], gate, &failure)
                                 : VZDefragFail(&failure, "Option %1$@ requires an argument.", word);
         if (!mapped) {
             error = std::move(failure);
@@ -76,28 +72,28 @@ void HFSPlusMapTask::_mapWords(std::unique_ptr<VZDefragError>& error)
     }
 }
 
-bool HFSPlusMapTask::_mapOption(const std::string& option, const std::string& value,
+bool HFSPlusMapTask::_mapOption(const std::string& option, const std::string& value, Gate& gate,
                                 VZDefragErrorSlot error)
 {
     if (!VZDefragCheckNotAborted(error)) {
         return false;
     }
     if (isPathOption(option)) {
-        _closeGate();
+        _closeGate(gate);
         return _mapPath(value, error);
     }
     uint32_t cnid = 0;
     if (!parseCNID(value, cnid)) {
         return VZDefragFail(error, "%1$@ is not a valid CNID.", value);
     }
-    _closeGate();
+    _closeGate(gate);
     return _mapCNID(cnid, error);
 }
 
-void HFSPlusMapTask::_closeGate()
+void HFSPlusMapTask::_closeGate(Gate& gate)
 {
-    if (!_gate.has_value()) {
-        _gate.emplace(_volume.gate());
+    if (!gate.has_value()) {
+        gate.emplace(_volume.gate());
     }
 }
 

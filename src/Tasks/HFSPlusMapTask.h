@@ -13,15 +13,15 @@ public:
     HFSPlusMapTask(HFSPlusVolume& volume, std::shared_ptr<KLToolEvent> event);
 
 private:
-    void _map();
+    using Gate = std::optional<KLClosedGate>;  // closed from the first mapping to the last
+
+    void _map(std::unique_ptr<VZDefragError>& error);
     void _mapWords(std::unique_ptr<VZDefragError>& error);
-    [[nodiscard]] bool _mapOption(const std::string& option, const std::string& value,
+    [[nodiscard]] bool _mapOption(const std::string& option, const std::string& value, Gate& gate,
                                   VZDefragErrorSlot error);
     [[nodiscard]] bool _mapCNID(uint32_t cnid, VZDefragErrorSlot error);
     [[nodiscard]] bool _mapPath(const std::string& path, VZDefragErrorSlot error);
     [[nodiscard]] bool _mapCatalogRecord(const HFSPlusCatalogLookupRecord& record,
                                          VZDefragErrorSlot error);
-    void _closeGate();
-
-    std::optional<KLClosedGate> _gate;  // from the first mapping to the last
+    void _closeGate(Gate& gate);
 };

@@ -62,19 +62,15 @@ void appendSafeName(std::string& text, std::span<const uint8_t> key)
 HFSPlusScanTask::HFSPlusScanTask(HFSPlusVolume& volume, std::shared_ptr<KLToolEvent> event)
     : HFSPlusReportTask(volume, std::move(event), "SCAN")
 {
-    setAction([this] { _scan(); });
+    setAction([this] { performTask([this](auto& error) { _scan(error); }); });
 }
 
 HFSPlusScanTask::~HFSPlusScanTask() = default;
 
-void HFSPlusScanTask::_scan()
+void HFSPlusScanTask::_scan(std::unique_ptr<VZDefragError>& error)
 {
-    reportTaskStart();
-    std::unique_ptr<VZDefragError> error;
     _parseOptions(error);
     _scanCatalog(error);
-    reportTaskError(error.get());
-    reportTaskDone();
 }
 
 /** An unknown word is reported in the end, but keeps nothing from being listed. */

@@ -20,7 +20,7 @@ private:
                                        VZDefragErrorSlot error) override;
     void scanCatalogFilesDidFinish() override;
 
-    void _scan();
+    void _scan(std::unique_ptr<VZDefragError>& error);
     void _parseOptions(std::unique_ptr<VZDefragError>& error);
     void _scanCatalog(std::unique_ptr<VZDefragError>& error);
     [[nodiscard]] bool _findFolder(uint32_t parentID, uint32_t fileID, VZDefragErrorSlot error);
