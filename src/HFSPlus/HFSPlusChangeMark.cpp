@@ -3,6 +3,7 @@
 #include <string_view>
 #include <vector>
 
+#include "KLKit/KLMemory.h"
 #include "VZDefragVolume.h"
 
 namespace {
@@ -40,16 +41,21 @@ bool HFSPlusChangeMark::begin(VZDefragErrorSlot error)
         if (!_file->begin(_device, volume, error)) {
             return false;
         }
-        if (!protect({&primary, 1}, error)) {
+        bool isProtected = false;
+        const bool hadMemory = KLWithinMemory([&] { isProtected = protect({&primary, 1}, error); });
+        if (!isProtected) {
             _file->end();
-            return false;
+            return !hadMemory && VZDefragFail(error, "Out of memory.");
         }
     }
     // A volume that was not cleanly unmounted before says so already.
     const HFSPlusVolumeHeader marked = primaryHeader(_header);
-    if (marked.attributes != _header.attributes && !_writePrimary(marked, error)) {
+    bool isMarked = marked.attributes == _header.attributes;
+    const bool hadMemory =
+        isMarked || KLWithinMemory([&] { isMarked = _writePrimary(marked, error); });
+    if (!isMarked) {
         _failed = true;
-        return false;
+        return !hadMemory && VZDefragFail(error, "Out of memory.");
     }
     _isSet = true;
     return true;
@@ -103,12 +109,15 @@ bool HFSPlusChangeMark::end(VZDefragErrorSlot error)
     if (!_isSet) {
         return true;
     }
-    if (_isTorn || _alternateFailed) {
+    if (_isTorn || !_device.synchronize(error)) {
         return false;
     }
+    // Until it is written: whatever becomes of this, it is not tried again.
+    _isTorn = true;
     if (!_writePrimary(_header, error)) {
         return false;
     }
+    _isTorn = false;
     _isSet = false;
     if (_file != nullptr) {
         _file->end();

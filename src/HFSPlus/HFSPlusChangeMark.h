@@ -48,7 +48,6 @@ public:
     [[nodiscard]] bool needsHeader() const { return _file != nullptr && _file->hasRecords(); }
     /** The primary header to write in place of @p header, which the alternate gets. */
     [[nodiscard]] HFSPlusVolumeHeader primaryHeader(const HFSPlusVolumeHeader& header) const;
-    void setAlternateFailed(bool failed) { _alternateFailed = failed; }
     /** All of a flush is durable; @p header is the one that belongs to it. */
     void flushDidComplete(const HFSPlusVolumeHeader& header);
 
@@ -67,6 +66,5 @@ private:
     std::atomic<bool> _isSet = false;
     std::atomic<bool> _failed = false;
     bool _isTorn = false;           // metadata were written since the last complete flush
-    bool _alternateFailed = false;  // the alternate header on disk is not what it should be
     uint32_t _finalWriteCount = 0;  // of the header, once a flush is complete
 };

@@ -224,12 +224,14 @@ void HFSPlusForkExtents::deleteAllExtents()
 void HFSPlusForkExtents::_makeModifiedDescriptors()
 {
     const std::vector<HFSPlusHostExtentDescriptor> extents = _originalDescriptors();
-    _modifiedDescriptors.emplace();
-    _modifiedDescriptors->reserve(extents.size());
+    // Whole before it is the fork's: without memory for all of it, an update would drop the rest.
+    std::vector<Piece> pieces;
+    pieces.reserve(extents.size());
     for (const HFSPlusHostExtentDescriptor& extent : extents) {
-        const auto next = static_cast<uint32_t>(_modifiedDescriptors->size() + 1);
-        _modifiedDescriptors->push_back({extent, next < extents.size() ? next : kNoPiece});
+        const auto next = static_cast<uint32_t>(pieces.size() + 1);
+        pieces.push_back({extent, next < extents.size() ? next : kNoPiece});
     }
+    _modifiedDescriptors = std::move(pieces);
     _lastPiece = 0;
 }
 

@@ -17,6 +17,7 @@
 #include "HFSPlus/HFSPlusFormatConversion.h"
 #include "HFSPlus/HFSPlusHotFiles.h"
 #include "KLKit/KLDebug.h"
+#include "KLKit/KLMemory.h"
 
 namespace {
 
@@ -44,9 +45,11 @@ HFSPlusVolume::~HFSPlusVolume()
 {
     if (_changeMark->isSet()) {
         std::unique_ptr<VZDefragError> failure;
-        if (!finishChanges(&failure)) {
-            KLDebugLog(KLDebugLevel::kWarning, "%@\n", failure->description());
-        }
+        std::ignore = KLWithinMemory([&] {
+            if (!finishChanges(&failure)) {
+                KLDebugLog(KLDebugLevel::kWarning, "%@\n", failure->description());
+            }
+        });
     }
     // Special files write what is still dirty in their caches when they go, and find their extents
     // through the overflow file, which therefore goes last.

@@ -12,6 +12,7 @@
 #include "HFSPlus/HFSPlusChangeMark.h"
 #include "HFSPlus/HFSPlusExtents.h"
 #include "HFSPlus/HFSPlusFormatConversion.h"
+#include "HFSPlus/HFSPlusUninterruptedChange.h"
 #include "KLKit/KLDebug.h"
 
 // How changes reach the disk.
@@ -41,6 +42,7 @@ void HFSPlusVolume::metadataWriteDidFail()
 
 bool HFSPlusVolume::flush(VZDefragErrorSlot error)
 {
+    const HFSPlusUninterruptedChange change(*this);
     if (needsFlush() && !_prepareToFlush(error)) {
         return false;
     }
@@ -107,10 +109,16 @@ bool HFSPlusVolume::_prepareToFlush(VZDefragErrorSlot error)
 bool HFSPlusVolume::_flushSpecialFiles()
 {
     _isFlushing = true;
-    bool flushed = _allocation->flush();
-    flushed = (_attributes == nullptr || _attributes->flush()) && flushed;
-    flushed = _catalog->flush() && flushed;
-    flushed = _extents->flush() && flushed;
+    bool flushed = false;
+    try {
+        flushed = _allocation->flush();
+        flushed = (_attributes == nullptr || _attributes->flush()) && flushed;
+        flushed = _catalog->flush() && flushed;
+        flushed = _extents->flush() && flushed;
+    } catch (...) {
+        _isFlushing = false;
+        throw;
+    }
     _isFlushing = false;
     return flushed && !_writeFailedInFlush;
 }
@@ -119,18 +127,17 @@ void HFSPlusVolume::_writeHeaders(bool headerChanged)
 {
     const HFSPlusVolumeHeader header = diskOrder(_hostVolumeHeader);
     const HFSPlusVolumeHeader primary = _changeMark->primaryHeader(header);
-    const bool mustSucceed = headerChanged || _changeMark->needsHeader();
     std::unique_ptr<VZDefragError> failure;
     _changeMark->metadataWillBeWritten();
-    if (!write(&primary, sizeof primary, kHFSPlusVolumeHeaderOffset, &failure)) {
+    const bool written =
+        write(&primary, sizeof primary, kHFSPlusVolumeHeaderOffset, &failure) &&
+        (!headerChanged ||
+         write(&header, sizeof header, _volumeSizeBytes - kHFSPlusVolumeHeaderOffset, &failure));
+    if (!written) {
         // The verdict of the flush stays what it is. But the header on disk may still lead to the
-        // old places of special files, so nothing may be written there any more.
-        if (mustSucceed) {
-            _changeMark->setFailed();
-        }
-    } else if (headerChanged) {
-        _changeMark->setAlternateFailed(!write(
-            &header, sizeof header, _volumeSizeBytes - kHFSPlusVolumeHeaderOffset, &failure));
+        // old places of special files, so nothing may be written there any more, and what has
+        // failed is not tried again. A rollback file keeps what it takes to complete the headers.
+        _changeMark->setFailed();
     }
     if (failure != nullptr) {
         KLDebugLog(KLDebugLevel::kWarning, "%@\n", failure->description());

@@ -9,7 +9,6 @@
 #include "HFSPlus/HFSPlusCatalog.h"
 #include "HFSPlus/HFSPlusChangeMark.h"
 #include "HFSPlus/HFSPlusExtents.h"
-#include "HFSPlus/HFSPlusUninterruptedChange.h"
 #include "HFSPlus/HFSPlusVolume.h"
 #include "KLKit/KLMemory.h"
 #include "Tasks/HFSPlusCopyBuffer.h"
@@ -82,7 +81,7 @@ bool HFSPlusCopyList::perform(HFSPlusExtentMap& map, bool countProgress, VZDefra
         KLWithinMemory([&] { performed = _perform(map, countProgress, &failure); });
     // The forks done before a failure already name their new blocks, so the volume is written
     // either way.
-    const bool flushed = _flush(failure == nullptr && hadMemory ? &failure : nullptr);
+    const bool flushed = _volume.flush(failure == nullptr && hadMemory ? &failure : nullptr);
     VZDefragFlushOutput();
     if (!hadMemory) {
         return VZDefragFail(error, "Out of memory.");
@@ -93,18 +92,12 @@ bool HFSPlusCopyList::perform(HFSPlusExtentMap& map, bool countProgress, VZDefra
     return performed && flushed;
 }
 
-bool HFSPlusCopyList::_flush(VZDefragErrorSlot error)
-{
-    const HFSPlusUninterruptedChange change(_volume);
-    return _volume.flush(error);
-}
-
 bool HFSPlusCopyList::_perform(HFSPlusExtentMap& map, bool countProgress, VZDefragErrorSlot error)
 {
     _volume.allocation().keepDraft();  // the first write comes now
     // What the disk holds is what gets copied: nothing of a special file may be waiting in memory
     // when its blocks are read, nor go to its old place once they were.
-    if ((_volume.needsFlush() && !_flush(error)) || !_checkExtentsFile(error)) {
+    if ((_volume.needsFlush() && !_volume.flush(error)) || !_checkExtentsFile(error)) {
         return false;
     }
     const std::vector<HFSPlusHeldWrites> held = _holdSpecialFiles();

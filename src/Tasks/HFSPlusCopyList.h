@@ -61,7 +61,6 @@ public:
 private:
     struct Group;
 
-    [[nodiscard]] bool _flush(VZDefragErrorSlot error);
     [[nodiscard]] bool _perform(HFSPlusExtentMap& map, bool countProgress, VZDefragErrorSlot error);
     [[nodiscard]] bool _checkExtentsFile(VZDefragErrorSlot error);
     [[nodiscard]] bool _checkDestinations(VZDefragErrorSlot error);

@@ -8,7 +8,6 @@
 #include "HFSPlus/HFSPlusBitmapDraft.h"
 #include "HFSPlus/HFSPlusChangeMark.h"
 #include "HFSPlus/HFSPlusForkExtents.h"
-#include "HFSPlus/HFSPlusUninterruptedChange.h"
 #include "HFSPlus/HFSPlusVolume.h"
 #include "KLKit/KLDebug.h"
 #include "KLKit/KLMemory.h"
@@ -61,8 +60,6 @@ void HFSPlusDefragTask::_defrag(std::unique_ptr<VZDefragError>& error)
     // A run that was refused before it wrote anything leaves no trace, repairs of the bitmap
     // included.
     if (moved || _volume.changeMark().isSet()) {
-        // What is changed in memory is whole, or the volume takes it no more.
-        const HFSPlusUninterruptedChange change(_volume);
         std::ignore = _volume.finishChanges(&error);
     }
 }
@@ -162,7 +159,6 @@ bool HFSPlusDefragTask::_prepareProfiles(VZDefragErrorSlot error)
     }
     // The playlist's blocks are free in memory. They stay untouched until the catalog on disk has
     // let go of them, which a failure here leaves in doubt.
-    const HFSPlusUninterruptedChange change(_volume);
     const bool flushed = _volume.flush(built ? error : nullptr);
     return hadMemory ? flushed && built : VZDefragFail(error, "Out of memory.");
 }

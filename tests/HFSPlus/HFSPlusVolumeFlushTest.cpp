@@ -286,7 +286,7 @@ TEST_F(HFSPlusVolumeFlushTest, NothingIsWrittenWhileTheHeaderOnDiskNamesOldPlace
     EXPECT_EQ(opened.memory().writeCount(), 0u);
 }
 
-TEST_F(HFSPlusVolumeFlushTest, FailedAlternateHeaderIsOnlyLogged)
+TEST_F(HFSPlusVolumeFlushTest, FailedAlternateHeaderIsLoggedAndNothingIsWrittenAfterIt)
 {
     opened->updateFreeBlocks(5);
     opened.faults().fail(Faults::kWrite, 2, EIO);
@@ -297,8 +297,9 @@ TEST_F(HFSPlusVolumeFlushTest, FailedAlternateHeaderIsOnlyLogged)
     EXPECT_NE(testing::internal::GetCapturedStderr().find("]: WARNING: Write failed"),
               std::string::npos);
     EXPECT_EQ(changesOf(opened), (Changes{kHeader, kSync}));
-    writeData();
-    EXPECT_TRUE(opened->flush(nullptr));
+    const uint8_t byte = 0;
+    EXPECT_FALSE(opened->write(&byte, 1, 0, nullptr));
+    expectWriteFailure();
 }
 
 TEST_F(HFSPlusVolumeFlushTest, FlushEndsInOneOfTwoVerdictsWhicheverWriteFails)
