@@ -214,6 +214,31 @@ TEST_F(FaultMemory, ABitmapThatRunsOutOfMemorySaysSoAndIsDone)
     tryCommand("BITMAP 1", FailingAllocations::kFromThenOn, 1);
 }
 
+TEST_F(FaultMemory, ADefragThatRunsOutOfMemorySaysSoAndLeavesTheVolumeSound)
+{
+    tryCommand("DEFRAG", 1, 31);
+}
+
+TEST_F(FaultMemory, ADefragThatGetsNoMemoryAnyMoreSaysSoAndLeavesTheVolumeSound)
+{
+    tryCommand("DEFRAG", FailingAllocations::kFromThenOn, 31);
+}
+
+TEST_F(FaultMemory, ACompactThatRunsOutOfMemorySaysSoAndLeavesTheVolumeSound)
+{
+    tryCommand("COMPACT", 1, 31);
+}
+
+TEST_F(FaultMemory, ACompactThatGetsNoMemoryAnyMoreSaysSoAndLeavesTheVolumeSound)
+{
+    tryCommand("COMPACT", FailingAllocations::kFromThenOn, 31);
+}
+
+TEST_F(FaultMemory, ADefragByProfilesThatRunsOutOfMemorySaysSoAndLeavesTheVolumeSound)
+{
+    tryCommand("DEFRAG --profile boot,app", 1, 31);
+}
+
 TEST_F(FaultMemory, AnOpeningThatRunsOutOfMemoryLeavesTheVolumeAsItWas)
 {
     Tally tally;
