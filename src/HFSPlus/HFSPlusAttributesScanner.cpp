@@ -5,6 +5,7 @@
 
 #include "HFSPlus/HFSPlusAttributes.h"
 #include "HFSPlus/HFSPlusBTreeBulkIterator.h"
+#include "HFSPlus/HFSPlusBTreeLeafSet.h"
 #include "HFSPlus/HFSPlusFormatConversion.h"
 #include "HFSPlus/HFSPlusVolume.h"
 #include "VZDefragTask.h"
@@ -13,10 +14,10 @@ namespace {
 
 constexpr std::string_view kInconsistent = "Volume is inconsistent.";
 
-/** A record of a leaf of the attributes file: its head, and its data behind the key. */
+/** A record of the attributes file: its key's head, and its data, which begin with a number. */
 struct AttributeRecord {
     HFSPlusAttrKeyHead key = {};
-    HFSPlusDiskOrder::UInt32 type = 0;
+    HFSPlusDiskOrder::UInt32 number = 0;  // of a leaf the record's type, else the child
     std::span<const uint8_t> data;
 
     /** False when the key has an impossible length or the record is too short. */
@@ -30,11 +31,11 @@ struct AttributeRecord {
         const size_t keySize = sizeof key.keyLength + key.keyLength;
         const bool isKey = key.keyLength % 2 == 0 && sizeof key + nameSize <= keySize &&
                            keySize <= sizeof key + 2 * kHFSPlusAttrMaxNameLength;
-        if (!isKey || record.size() < keySize + sizeof type) {
+        if (!isKey || record.size() < keySize + sizeof number) {
             return false;
         }
         data = record.subspan(keySize);
-        std::memcpy(&type, data.data(), sizeof type);
+        std::memcpy(&number, data.data(), sizeof number);
         return true;
     }
 
@@ -42,7 +43,7 @@ struct AttributeRecord {
     [[nodiscard]] bool copyExtents(HFSPlusHostExtentRecord& extents) const
     {
         size_t offset = 0;
-        switch (uint32_t{type}) {
+        switch (uint32_t{number}) {
             case kHFSPlusAttrForkData:
                 offset = offsetof(HFSPlusAttrForkDataRecord, fork.extents);
                 break;
@@ -63,6 +64,12 @@ struct AttributeRecord {
     }
 };
 
+std::optional<uint32_t> childOfIndexRecord(std::span<const uint8_t> bytes)
+{
+    AttributeRecord record;
+    return record.setBytes(bytes) ? std::optional<uint32_t>(record.number) : std::nullopt;
+}
+
 }  // namespace
 
 bool HFSPlusAttributesScanner::scanForkExtents(const Visitor& visit, VZDefragErrorSlot error)
@@ -74,15 +81,17 @@ bool HFSPlusAttributesScanner::scanForkExtents(const Visitor& visit, VZDefragErr
     if (iterator == nullptr) {
         return false;
     }
+    HFSPlusBTreeLeafSet leaves(*_volume.attributes(), childOfIndexRecord);
     while (true) {
         HFSPlusCachedNode node;
         if (!VZDefragCheckNotAborted(error) || !iterator->nextCachedNode(node, error)) {
             return false;
         }
         if (!node) {
-            return true;
+            return leaves.checkIndex(kInconsistent, error);
         }
-        if (node->kind() == kBTLeafNode && !_scanLeaf(*node, visit, error)) {
+        if (node->kind() == kBTLeafNode &&
+            (!leaves.addLeaf(*node, kInconsistent, error) || !_scanLeaf(*node, visit, error))) {
             return false;
         }
     }

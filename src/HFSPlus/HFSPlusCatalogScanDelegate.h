@@ -17,4 +17,7 @@ public:
                                                std::span<const uint8_t> key,
                                                VZDefragErrorSlot error) = 0;
     virtual void scanCatalogFilesDidFinish() {}
+    /** Whether the scan fails where a search of the catalog could find a record that it did not
+     *  meet. */
+    [[nodiscard]] virtual bool needsEveryCatalogFile() const { return false; }
 };

@@ -19,6 +19,14 @@ constexpr std::string_view kCatalogInconsistent = "Catalog file is inconsistent.
 /** Whether this thread has told how it scans; once is enough for a task of many scans. */
 thread_local bool didLogScan = false;
 
+std::optional<uint32_t> childOfIndexRecord(std::span<const uint8_t> bytes)
+{
+    HFSPlusCatalogRecord record;
+    const auto* const child =
+        record.setBytes(bytes) ? record.dataAs<HFSPlusDiskOrder::UInt32>() : nullptr;
+    return child == nullptr ? std::nullopt : std::optional<uint32_t>(*child);
+}
+
 /** Nodes there are for each node in use. */
 double nodeRatio(const HFSPlusCatalog& catalog)
 {
@@ -55,10 +63,14 @@ bool HFSPlusCatalogScanner::scanCatalogFiles(HFSPlusCatalogScanDelegate& delegat
     if (!didLogScan) {
         logScan(_catalog, ratio);
     }
+    _leaves.reset();
+    if (delegate.needsEveryCatalogFile()) {
+        _leaves.emplace(_catalog, childOfIndexRecord);
+    }
     const bool scanned = ratio > kSparseRatio ? _scanCatalogFilesSparse(delegate, error)
                                               : _scanCatalogFilesBulk(delegate, error);
     didLogScan = true;
-    return scanned;
+    return scanned && (!_leaves || _leaves->checkIndex(kCatalogInconsistent, error));
 }
 
 bool HFSPlusCatalogScanner::_scanCatalogFilesBulk(HFSPlusCatalogScanDelegate& delegate,
@@ -144,6 +156,9 @@ bool HFSPlusCatalogScanner::_scanLeaf(const HFSPlusBTreeNode& node,
 {
     if (!node.hasSoundRecords()) {
         return VZDefragFail(error, kCatalogInconsistent);
+    }
+    if (_leaves && !_leaves->addLeaf(node, kCatalogInconsistent, error)) {
+        return false;
     }
     for (uint32_t index = 0; index < node.recordCount(); ++index) {
         HFSPlusCatalogRecord record;

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <optional>
+
+#include "HFSPlus/HFSPlusBTreeLeafSet.h"
 #include "HFSPlus/HFSPlusCatalogScanDelegate.h"
 
 class HFSPlusBTreeNode;
@@ -32,4 +35,5 @@ private:
                                  VZDefragErrorSlot error);
 
     HFSPlusCatalog& _catalog;
+    std::optional<HFSPlusBTreeLeafSet> _leaves;  // where the delegate needs every file
 };

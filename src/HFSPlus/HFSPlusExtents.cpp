@@ -217,6 +217,32 @@ bool HFSPlusExtents::visitForkExtents(const HFSPlusForkData& fork, uint32_t file
     return true;
 }
 
+bool HFSPlusExtents::visitBadBlocks(const HFSPlusExtentVisitor& visit, VZDefragErrorSlot error)
+{
+    if (headerRecord().treeDepth == 0) {
+        return true;  // an empty tree cannot be searched
+    }
+    uint64_t sum = 0;
+    while (sum <= UINT32_MAX) {  // every record adds a block at least
+        const auto wanted = static_cast<uint32_t>(sum);
+        HFSPlusExtentRecord record;
+        uint32_t start = wanted;
+        if (!copyExtentRecord(record, start, kHFSBadBlockFileID, kHFSDataForkType, error)) {
+            return false;
+        }
+        if (record[0].isEmpty() || start != wanted) {
+            return true;
+        }
+        for (const HFSPlusExtentDescriptor& extent : record) {
+            if (!extent.isEmpty()) {
+                visit({extent.startBlock, extent.blockCount});
+                sum += extent.blockCount;
+            }
+        }
+    }
+    return VZDefragFail(error, kInconsistent);  // more blocks than a volume has
+}
+
 bool HFSPlusExtents::updateExtentRecord(const HFSPlusExtentRecord& record, uint32_t block,
                                         uint32_t fileID, uint8_t forkType, VZDefragErrorSlot error)
 {

@@ -37,6 +37,8 @@ public:
     [[nodiscard]] bool visitForkExtents(const HFSPlusForkData& fork, uint32_t fileID,
                                         uint8_t forkType, const HFSPlusExtentVisitor& visit,
                                         VZDefragErrorSlot error);
+    /** The same for bad blocks, which have overflow records only: until there is no next one. */
+    [[nodiscard]] bool visitBadBlocks(const HFSPlusExtentVisitor& visit, VZDefragErrorSlot error);
     /** Fails with "Overflow extent record collision." when the key is already there. */
     [[nodiscard]] bool insertExtentRecord(const HFSPlusExtentRecord& record, uint32_t block,
                                           uint32_t fileID, uint8_t forkType,

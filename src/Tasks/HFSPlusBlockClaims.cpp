@@ -104,32 +104,13 @@ bool HFSPlusBlockClaims::_avoidSpecialFiles() const
     });
 }
 
-/** Bad blocks have overflow records only, and no record in the catalog that tells how many. */
 bool HFSPlusBlockClaims::_avoidBadBlocks() const
 {
-    if (_volume.extents().headerRecord().treeDepth == 0) {
-        return true;  // an empty tree cannot be searched
-    }
-    uint64_t sum = 0;
-    while (sum <= UINT32_MAX) {  // every record adds a block at least
-        HFSPlusExtentRecord record;
-        const auto wanted = static_cast<uint32_t>(sum);
-        uint32_t start = wanted;
-        if (!_volume.extents().copyExtentRecord(record, start, kHFSBadBlockFileID, kHFSDataForkType,
-                                                nullptr)) {
-            return false;
-        }
-        if (record[0].isEmpty() || start != wanted) {
-            return true;
-        }
-        for (const HFSPlusHostExtentDescriptor& extent : hostOrder(record)) {
-            if (!extent.isEmpty() && _overlap(extent)) {
-                return false;
-            }
-            sum += extent.isEmpty() ? 0 : extent.blockCount;
-        }
-    }
-    return false;
+    bool isShared = false;
+    const auto visit = [&](const HFSPlusHostExtentDescriptor& extent) {
+        isShared = isShared || _overlap(extent);
+    };
+    return _volume.extents().visitBadBlocks(visit, nullptr) && !isShared;
 }
 
 /** Whether one of the file's blocks lies in @p extent. */

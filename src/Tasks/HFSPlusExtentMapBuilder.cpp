@@ -72,7 +72,7 @@ bool HFSPlusExtentMapBuilder::_fillExtentMap(VZDefragErrorSlot error)
         !_volume.scanCatalogFiles(*this, error)) {
         return false;
     }
-    return VZDefragCheckNotAborted(error) && _checkAttributeForks(error) && _crossCheck(error);
+    return VZDefragCheckNotAborted(error) && _checkUnmovedForks(error) && _crossCheck(error);
 }
 
 bool HFSPlusExtentMapBuilder::_insertReservedAreas(VZDefragErrorSlot error)
@@ -205,37 +205,53 @@ bool HFSPlusExtentMapBuilder::_insertForkExtents(const HFSPlusForkData& fork, ui
     return true;
 }
 
-/** Sees to it that the forks of extended attributes, whose records stay as they are, share no
- *  blocks with others and are in use, so that the cross-check fences them off.
+/** Sees to it that forks which the map does not know share no blocks with those that it does, and
+ *  are in use, so that the cross-check fences them off.
  *
  *  Once for each part of the volume is enough, since nothing ever moves onto them.
  */
-bool HFSPlusExtentMapBuilder::_checkAttributeForks(VZDefragErrorSlot error)
+bool HFSPlusExtentMapBuilder::_checkUnmovedForks(VZDefragErrorSlot error)
 {
     const uint64_t start = _extentMap->startBlock();
     const uint64_t end = start + _extentMap->blockCount();
-    if (end <= _attributesCheckedTo) {
+    if (end <= _unmovedCheckedTo) {
         return true;
     }
     bool found = false;
-    const auto visit = [&](const HFSPlusHostExtentDescriptor& extent, uint32_t fileID,
-                           VZDefragErrorSlot slot) {
-        found = true;
-        return _checkAttributeExtent(extent, fileID, slot);
-    };
-    if (!HFSPlusAttributesScanner(_volume).scanForkExtents(visit, error)) {
+    if (!_checkBadBlocks(found, error) || !_checkAttributes(found, error)) {
         return false;
     }
     if (!found) {
-        _attributesCheckedTo = UINT64_MAX;
-    } else if (start <= _attributesCheckedTo) {
-        _attributesCheckedTo = end;
+        _unmovedCheckedTo = UINT64_MAX;
+    } else if (start <= _unmovedCheckedTo) {
+        _unmovedCheckedTo = end;
     }
     return true;
 }
 
-bool HFSPlusExtentMapBuilder::_checkAttributeExtent(const HFSPlusHostExtentDescriptor& extent,
-                                                    uint32_t fileID, VZDefragErrorSlot error)
+/** Bad blocks have overflow records, whether or not a record of the catalog tells of them. */
+bool HFSPlusExtentMapBuilder::_checkBadBlocks(bool& found, VZDefragErrorSlot error)
+{
+    bool sound = true;
+    const auto visit = [&](const HFSPlusHostExtentDescriptor& extent) {
+        found = true;
+        sound = sound && _checkUnmovedExtent(extent, kHFSBadBlockFileID, error);
+    };
+    return _badBlocksMapped || (_volume.extents().visitBadBlocks(visit, error) && sound);
+}
+
+bool HFSPlusExtentMapBuilder::_checkAttributes(bool& found, VZDefragErrorSlot error)
+{
+    const auto visit = [&](const HFSPlusHostExtentDescriptor& extent, uint32_t fileID,
+                           VZDefragErrorSlot slot) {
+        found = true;
+        return _checkUnmovedExtent(extent, fileID, slot);
+    };
+    return HFSPlusAttributesScanner(_volume).scanForkExtents(visit, error);
+}
+
+bool HFSPlusExtentMapBuilder::_checkUnmovedExtent(const HFSPlusHostExtentDescriptor& extent,
+                                                  uint32_t fileID, VZDefragErrorSlot error)
 {
     const uint64_t end = uint64_t{extent.startBlock} + extent.blockCount;
     if (end > _volume.hostVolumeHeader().totalBlocks) {

@@ -46,14 +46,17 @@ private:
                                                   VZDefragErrorSlot error);
     [[nodiscard]] bool scanCatalogFile(const HFSPlusCatalogFile& file, std::span<const uint8_t> key,
                                        VZDefragErrorSlot error) override;
+    [[nodiscard]] bool needsEveryCatalogFile() const override { return true; }
     [[nodiscard]] bool _insertFileExtents(const HFSPlusCatalogFile& file, HFSPlusExtentType type,
                                           VZDefragErrorSlot error);
     [[nodiscard]] bool _insertForkExtents(const HFSPlusForkData& fork, uint32_t fileID,
                                           uint8_t forkType, HFSPlusExtentType type,
                                           VZDefragErrorSlot error);
-    [[nodiscard]] bool _checkAttributeForks(VZDefragErrorSlot error);
-    [[nodiscard]] bool _checkAttributeExtent(const HFSPlusHostExtentDescriptor& extent,
-                                             uint32_t fileID, VZDefragErrorSlot error);
+    [[nodiscard]] bool _checkUnmovedForks(VZDefragErrorSlot error);
+    [[nodiscard]] bool _checkBadBlocks(bool& found, VZDefragErrorSlot error);
+    [[nodiscard]] bool _checkAttributes(bool& found, VZDefragErrorSlot error);
+    [[nodiscard]] bool _checkUnmovedExtent(const HFSPlusHostExtentDescriptor& extent,
+                                           uint32_t fileID, VZDefragErrorSlot error);
     [[nodiscard]] bool _insertExtent(uint32_t start, uint32_t count, uint32_t cnid, uint32_t info,
                                      VZDefragErrorSlot error);
     void extentMapDidClip(const HFSPlusExtentMapEntry& entry, uint32_t count) override;
@@ -68,6 +71,6 @@ private:
     uint32_t _extentBlockCount = 0;
     uint32_t _extentNextStartBlock = 0;
     bool _badBlocksMapped = false;
-    uint64_t _attributesCheckedTo = 0;  // below this block no attribute's fork meets another fork
+    uint64_t _unmovedCheckedTo = 0;  // below this block _checkUnmovedForks() found nothing wrong
     std::unique_ptr<VZDefragError> _clipFailure;  // a check of clipped blocks that failed
 };
