@@ -38,6 +38,19 @@ bool isPlainPath(const std::string& path)
     });
 }
 
+/** A path on the volume that no other file and no folder has there, where case does not count. */
+std::string volumePath(const std::string& path, size_t number)
+{
+    const size_t name = path.rfind('/') + 1;
+    std::string folder = path.substr(0, name);
+    std::ranges::transform(folder, folder.begin(), [](char character) {
+        return character >= 'A' && character <= 'Z' ? static_cast<char>(character - 'A' + 'a')
+                                                    : character;
+    });
+    // Nothing that was found has a blank in its name.
+    return folder + std::to_string(number) + " " + path.substr(name);
+}
+
 /** More than enough files of @p wanted bytes, none of which is a large part of them. */
 std::vector<RealFile> findFiles(uint64_t wanted)
 {
@@ -209,9 +222,10 @@ void makeRealFilesVolume(const std::string& path, const RealFilesOptions& option
 
     HFSPlusVolumeBuilder builder;
     builder.blockSize(kBlockSize).totalBlocks(blocks).contents(false);
+    size_t number = 0;
     for (RealFile& file : files) {
         joinExtents(file.extents);
-        builder.file(file.path);
+        builder.file(volumePath(file.path, ++number));
         builder.data(file.extents).dataSize(file.size);
     }
     ASSERT_TRUE(builder.buildFile(path)) << builder.error();
