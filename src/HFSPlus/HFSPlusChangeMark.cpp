@@ -34,30 +34,34 @@ bool HFSPlusChangeMark::begin(VZDefragErrorSlot error)
     if (_isSet) {
         return true;
     }
-    if (_file != nullptr) {
-        const HFSPlusRollbackFile::Volume volume{_startOffset, _sizeBytes, _header,
-                                                 _finalWriteCount};
-        const HFSPlusByteRange primary{kHFSPlusVolumeHeaderOffset, sizeof _header};
-        if (!_file->begin(_device, volume, error)) {
-            return false;
-        }
-        bool isProtected = false;
-        const bool hadMemory = KLWithinMemory([&] { isProtected = protect({&primary, 1}, error); });
-        if (!isProtected) {
-            _file->end();
-            return !hadMemory && VZDefragFail(error, "Out of memory.");
-        }
+    if (_file != nullptr && !_beginRollbackFile(error)) {
+        _failed = true;  // the run is over: what it wanted to write must not follow later
+        return false;
     }
-    // A volume that was not cleanly unmounted before says so already.
     const HFSPlusVolumeHeader marked = primaryHeader(_header);
-    bool isMarked = marked.attributes == _header.attributes;
-    const bool hadMemory =
-        isMarked || KLWithinMemory([&] { isMarked = _writePrimary(marked, error); });
+    bool isMarked = false;
+    const bool hadMemory = KLWithinMemory([&] { isMarked = _writePrimary(marked, error); });
     if (!isMarked) {
         _failed = true;
         return !hadMemory && VZDefragFail(error, "Out of memory.");
     }
     _isSet = true;
+    return true;
+}
+
+bool HFSPlusChangeMark::_beginRollbackFile(VZDefragErrorSlot error)
+{
+    const HFSPlusRollbackFile::Volume volume{_startOffset, _sizeBytes, _header, _finalWriteCount};
+    const HFSPlusByteRange primary{kHFSPlusVolumeHeaderOffset, sizeof _header};
+    if (!_file->begin(_device, volume, error)) {
+        return false;
+    }
+    bool isProtected = false;
+    const bool hadMemory = KLWithinMemory([&] { isProtected = protect({&primary, 1}, error); });
+    if (!isProtected) {
+        _file->end();
+        return !hadMemory && VZDefragFail(error, "Out of memory.");
+    }
     return true;
 }
 
@@ -88,9 +92,11 @@ bool HFSPlusChangeMark::protect(std::span<const HFSPlusByteRange> ranges, VZDefr
 HFSPlusVolumeHeader HFSPlusChangeMark::primaryHeader(const HFSPlusVolumeHeader& header) const
 {
     HFSPlusVolumeHeader marked = header;
-    marked.attributes = header.attributes & ~uint32_t{kHFSVolumeUnmountedMask};
-    if (_file != nullptr && _isSet) {
-        marked.writeCount = _file->completeWriteCount();
+    // Of a journaled volume, the second bit alone makes others look further than the journal.
+    marked.attributes = (header.attributes & ~uint32_t{kHFSVolumeUnmountedMask}) |
+                        uint32_t{kHFSBootVolumeInconsistentMask};
+    if (_file != nullptr) {
+        marked.writeCount = _isSet ? _file->completeWriteCount() : _file->presentWriteCount();
     }
     return marked;
 }
@@ -109,12 +115,15 @@ bool HFSPlusChangeMark::end(VZDefragErrorSlot error)
     if (!_isSet) {
         return true;
     }
-    if (_isTorn || !_device.synchronize(error)) {
+    if (_isTorn || !_device.synchronize(error) ||
+        (_file != nullptr && !_file->prepareToEnd(error))) {
         return false;
     }
-    // Until it is written: whatever becomes of this, it is not tried again.
+    // Until it is written: whatever becomes of this, it is not tried again, and nobody may write to
+    // a volume of which it is not known whether it has the mark.
     _isTorn = true;
     if (!_writePrimary(_header, error)) {
+        _failed = true;
         return false;
     }
     _isTorn = false;

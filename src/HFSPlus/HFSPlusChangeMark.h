@@ -14,7 +14,8 @@ class VZDefragVolume;
 
 /** Says on disk that a volume is being changed: until end(), the primary volume header is that of
  *  a volume which was not cleanly unmounted, so that whoever finds it after a power cut checks it
- *  first. With a rollback file, old bytes are kept there as well, and nobody has to.
+ *  first (TN1150, "Volume Attributes"). With a rollback file, old bytes are kept there as well, and
+ * nobody has to.
  *
  *  begin() is for any thread, the rest for the one that changes metadata. Ranges are bytes of the
  *  HFS Plus volume.
@@ -44,6 +45,7 @@ public:
     [[nodiscard]] bool keepsOldBytes() const { return _file != nullptr; }
     /** What is on disk is being changed from here on, and not whole before flushDidComplete(). */
     void metadataWillBeWritten() { _isTorn = true; }
+    [[nodiscard]] bool isTorn() const { return _isTorn; }
     /** Whether a flush must write the header to be complete. */
     [[nodiscard]] bool needsHeader() const { return _file != nullptr && _file->hasRecords(); }
     /** The primary header to write in place of @p header, which the alternate gets. */
@@ -55,6 +57,7 @@ public:
     [[nodiscard]] bool end(VZDefragErrorSlot error);
 
 private:
+    [[nodiscard]] bool _beginRollbackFile(VZDefragErrorSlot error);
     [[nodiscard]] bool _writePrimary(const HFSPlusVolumeHeader& header, VZDefragErrorSlot error);
 
     VZDefragVolume& _device;

@@ -39,6 +39,7 @@ enum : uint16_t {
 enum : uint32_t {
     kHFSVolumeHardwareLockMask = 0x00000080,
     kHFSVolumeUnmountedMask = 0x00000100,
+    kHFSBootVolumeInconsistentMask = 0x00000800,
     kHFSVolumeSparedBlocksMask = 0x00000200,
     kHFSVolumeJournaledMask = 0x00002000,
     kHFSVolumeSoftwareLockMask = 0x00008000,

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <random>
 #include <tuple>
 #include <utility>
 
@@ -17,6 +18,8 @@ constexpr std::string_view kCannotOpen =
     "Unable to open rollback file %1$@. An error %2$d occurred.";
 constexpr std::string_view kCannotWrite =
     "Unable to write rollback file %1$@. An error %2$d occurred.";
+
+constexpr uint32_t kFarFromWriteCount = 0x80000000;
 
 template <typename Structure>
 void appendTo(std::vector<uint8_t>& bytes, const Structure& structure)
@@ -57,7 +60,10 @@ bool HFSPlusRollbackFile::recover(VZDefragVolume& device, VZDefragErrorSlot erro
     if (!_open(false, error)) {
         return false;
     }
-    return _file == nullptr || HFSPlusRollbackRecovery(*_file, _name, device).run(error);
+    const bool recovered =
+        _file == nullptr || HFSPlusRollbackRecovery(*_file, _name, device).run(error);
+    _file.reset();  // others may use it until a run begins
+    return recovered;
 }
 
 bool HFSPlusRollbackFile::begin(const VZDefragVolume& device, const Volume& volume,
@@ -68,7 +74,6 @@ bool HFSPlusRollbackFile::begin(const VZDefragVolume& device, const Volume& volu
     }
     const int64_t size = _file->size();
     if (size != 0) {
-        // Nobody else can have written here since it was found to be empty.
         return size < 0 ? _fail(kCannotOpen, static_cast<int>(-size), error)
                         : VZDefragFail(error, "Rollback file %1$@ is in use.", _name);
     }
@@ -78,6 +83,10 @@ bool HFSPlusRollbackFile::begin(const VZDefragVolume& device, const Volume& volu
     header.deviceSizeBytes = device.deviceSizeBytes();
     header.volumeStartOffset = volume.startOffset;
     header.volumeSizeBytes = volume.sizeBytes;
+    // Tells this run's mark from that of any other run, with this file, another or none.
+    _firstWriteCount = volume.header.writeCount + kFarFromWriteCount +
+                       (std::random_device{}() % kFarFromWriteCount) / 2;
+    header.firstWriteCount = _firstWriteCount;
     header.finalWriteCount = volume.finalWriteCount;
     std::memcpy(header.volumeHeader.data(), &volume.header, header.volumeHeader.size());
     header.checksum = HFSPlusRollbackChecksum(header);
@@ -92,7 +101,6 @@ bool HFSPlusRollbackFile::begin(const VZDefragVolume& device, const Volume& volu
     }
     _end = sizeof header;
     _generation = 1;
-    _firstWriteCount = volume.header.writeCount;
     _protected.clear();
     return true;
 }
@@ -167,6 +175,16 @@ void HFSPlusRollbackFile::changeDidComplete()
     // Whether this reaches the disk does not matter: the volume header tells that the records are
     // of no use any more, and the next ones take their place.
     std::ignore = _file->setSize(_end);
+}
+
+bool HFSPlusRollbackFile::prepareToEnd(VZDefragErrorSlot error)
+{
+    _protected.clear();
+    int errorNumber = _file->setSize(sizeof(HFSPlusRollbackHeader));
+    if (errorNumber == 0) {
+        errorNumber = _file->synchronizeWhole();
+    }
+    return errorNumber == 0 || _fail(kCannotWrite, errorNumber, error);
 }
 
 void HFSPlusRollbackFile::end()

@@ -57,10 +57,14 @@ public:
         return _protected.contains(range);
     }
     [[nodiscard]] bool hasRecords() const { return !_protected.empty(); }
-    /** The write count by which the volume header says that the present change is complete. */
+    /** The write count by which the marked volume header says that the present change is complete,
+     *  and the one by which it says so of those before it. */
     [[nodiscard]] uint32_t completeWriteCount() const { return _firstWriteCount + _generation; }
+    [[nodiscard]] uint32_t presentWriteCount() const { return completeWriteCount() - 1; }
     /** The present change is complete and durable; the next one begins. */
     void changeDidComplete();
+    /** Forgets the records for good: the mark may go from the volume. */
+    [[nodiscard]] bool prepareToEnd(VZDefragErrorSlot error);
     /** Empties the file at the end of a run. */
     void end();
 
@@ -77,5 +81,5 @@ private:
     std::set<HFSPlusByteRange> _protected;
     uint64_t _end = 0;              // bytes; where the next record goes
     uint32_t _generation = 1;       // of the present change
-    uint32_t _firstWriteCount = 0;  // the volume header's before the run
+    uint32_t _firstWriteCount = 0;  // the marked volume header's before any change
 };

@@ -14,6 +14,7 @@ constexpr uint64_t kHFSPlusRollbackMagic = 0x565A524F4C4C424BULL;  // "VZROLLBK"
 constexpr uint32_t kHFSPlusRollbackVersion = 1;
 constexpr uint32_t kHFSPlusRollbackRecordMagic = 0x4F4C4442;  // "OLDB"
 constexpr size_t kHFSPlusRollbackMostBytes = 1048576;         // of one record
+constexpr uint32_t kHFSPlusRollbackMostFlushes = 1 << 20;     // that a run is thought to make
 
 /** Begins the file and says which volume it belongs to. One sector, so that it is there whole or
  *  not at all. */
@@ -24,9 +25,9 @@ struct HFSPlusRollbackHeader {
     HFSPlusDiskOrder::UInt64 deviceSizeBytes;
     HFSPlusDiskOrder::UInt64 volumeStartOffset;  // bytes into the device
     HFSPlusDiskOrder::UInt64 volumeSizeBytes;
+    HFSPlusDiskOrder::UInt32 firstWriteCount;  // the marked volume header's before any flush
     HFSPlusDiskOrder::UInt32 finalWriteCount;  // the volume header's, once a flush is complete
-    HFSPlusDiskOrder::UInt32 reserved;
-    std::array<uint8_t, 112> volumeHeader;  // the start of the volume header before the run
+    std::array<uint8_t, 112> volumeHeader;     // the start of the volume header before the run
     std::array<uint8_t, 352> unused;
 };
 static_assert(sizeof(HFSPlusRollbackHeader) == 512 && alignof(HFSPlusRollbackHeader) == 1);

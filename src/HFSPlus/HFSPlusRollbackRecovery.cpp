@@ -12,6 +12,8 @@ namespace {
 
 constexpr std::string_view kDamaged = "Rollback file %1$@ is damaged.";
 constexpr std::string_view kOtherVolume = "Rollback file %1$@ belongs to another volume.";
+constexpr std::string_view kChanged = "Volume was changed after rollback file %1$@ was written.";
+constexpr uint32_t kMarkMask = kHFSVolumeUnmountedMask | kHFSBootVolumeInconsistentMask;
 constexpr uint64_t kVolumeHeaderSize = sizeof(HFSPlusVolumeHeader);
 
 bool isClean(const HFSPlusVolumeHeader& header)
@@ -42,26 +44,59 @@ bool HFSPlusRollbackRecovery::run(VZDefragErrorSlot error)
     if (!_checkVolume(error)) {
         return false;
     }
-    if (isClean(_before) && isClean(_volumeHeader)) {
-        // The mark is the first thing that a run writes and the last that it takes away, or a check
-        // has repaired the volume since: either way nothing is left to undo.
-        _emptyFile();
-        return true;
+    return _findRecords(error) && (_hasMark() ? _rollBack(error) : _forget(error));
+}
+
+/** How many flushes of the run the volume header says to be complete. */
+uint32_t HFSPlusRollbackRecovery::_completeFlushes() const
+{
+    return _volumeHeader.writeCount - _header.firstWriteCount;
+}
+
+bool HFSPlusRollbackRecovery::_hasMark() const
+{
+    return !isClean(_volumeHeader) && _completeFlushes() < kHFSPlusRollbackMostFlushes;
+}
+
+/** Nothing is left to undo where the mark of the run is gone: it is the first thing that a run
+ *  writes and, with the records forgotten, the last that it takes away. Or a check has done so. */
+bool HFSPlusRollbackRecovery::_forget(VZDefragErrorSlot error)
+{
+    if (!isClean(_volumeHeader) && (isClean(_before) || _hasChangedSince())) {
+        // Another run, or somebody else, left it like this.
+        return VZDefragFail(error, kChanged, _name);
     }
+    if (_isCopy()) {
+        return VZDefragFail(error, kOtherVolume, _name);
+    }
+    _emptyFile();
+    return true;
+}
+
+/** Whether the volume was never part of the run: a copy from before it, while the one that needs
+ *  the records is elsewhere. */
+bool HFSPlusRollbackRecovery::_isCopy() const
+{
+    const bool isUntouched =
+        std::memcmp(&_before, &_volumeHeader, _header.volumeHeader.size()) == 0;
+    // The header is recorded before the mark is written, all else behind it.
+    return isUntouched &&
+           (_records.size() > 1 || (!_records.empty() && _records[0].generation > 1));
+}
+
+bool HFSPlusRollbackRecovery::_rollBack(VZDefragErrorSlot error)
+{
     if (_hasChangedSince()) {
-        return VZDefragFail(error, "Volume was changed after rollback file %1$@ was written.",
-                            _name);
+        return VZDefragFail(error, kChanged, _name);
     }
-    if (!_findRecords(error)) {
-        return false;
-    }
-    const uint32_t complete = _volumeHeader.writeCount - _before.writeCount;
+    const uint32_t complete = _completeFlushes();
     const uint32_t generation = _records.empty() ? complete : _records.front().generation;
     if (generation != complete && generation != complete + 1) {
         return VZDefragFail(error, kDamaged, _name);
     }
-    const bool undo = !_records.empty() && generation != complete;
-    if (!(undo ? _putBack(error) : _completeAlternate(error)) || !_writeCleanHeader(error)) {
+    const bool undo = generation != complete;
+    if (!(undo ? _putBack(error) : _completeAlternate(error)) || !_cutFile(error) ||
+        !_writeCleanHeader(error)) {
         return false;
     }
     KLDebugLog(KLDebugLevel::kWarning,
@@ -69,6 +104,18 @@ bool HFSPlusRollbackRecovery::run(VZDefragErrorSlot error)
                undo ? _records.size() : size_t{0});
     _emptyFile();
     return true;
+}
+
+/** Forgets the records for good, since a volume without the mark does not need any. */
+bool HFSPlusRollbackRecovery::_cutFile(VZDefragErrorSlot error)
+{
+    int errorNumber = _file.setSize(sizeof _header);
+    if (errorNumber == 0) {
+        errorNumber = _file.synchronizeWhole();
+    }
+    return errorNumber == 0 ||
+           VZDefragFail(error, "Unable to write rollback file %1$@. An error %2$d occurred.", _name,
+                        errorNumber);
 }
 
 bool HFSPlusRollbackRecovery::_failToRead(int errorNumber, VZDefragErrorSlot error) const
@@ -123,7 +170,7 @@ bool HFSPlusRollbackRecovery::_hasChangedSince() const
     HFSPlusVolumeHeader before = _before;
     HFSPlusVolumeHeader now = _volumeHeader;
     for (HFSPlusVolumeHeader* header : {&before, &now}) {
-        header->attributes = header->attributes & ~uint32_t{kHFSVolumeUnmountedMask};
+        header->attributes = header->attributes & ~kMarkMask;
         header->freeBlocks = 0;
         header->writeCount = 0;
     }
@@ -200,7 +247,7 @@ bool HFSPlusRollbackRecovery::_putBack(VZDefragErrorSlot error)
             return _failToRead(errorNumber, error);
         }
         if (_isVolumeHeader(record)) {
-            _keepMark();
+            _keepMark(record);
         }
         if (!_device.write(_bytes.data(), _bytes.size(), record.offset, error)) {
             return false;
@@ -216,11 +263,12 @@ bool HFSPlusRollbackRecovery::_isVolumeHeader(const Record& record) const
 }
 
 /** Leaves the mark in the volume header that is put back: it goes when all the rest is durable. */
-void HFSPlusRollbackRecovery::_keepMark()
+void HFSPlusRollbackRecovery::_keepMark(const Record& record)
 {
     HFSPlusVolumeHeader header;
     std::memcpy(&header, _bytes.data(), sizeof header);
-    header.attributes = header.attributes & ~uint32_t{kHFSVolumeUnmountedMask};
+    header.attributes = (header.attributes & ~kMarkMask) | kHFSBootVolumeInconsistentMask;
+    header.writeCount = _header.firstWriteCount + record.generation - 1;
     std::memcpy(_bytes.data(), &header, sizeof header);
 }
 
@@ -241,11 +289,9 @@ bool HFSPlusRollbackRecovery::_completeAlternate(VZDefragErrorSlot error)
 HFSPlusVolumeHeader HFSPlusRollbackRecovery::_cleanHeader() const
 {
     HFSPlusVolumeHeader header = _volumeHeader;
-    header.attributes =
-        header.attributes | (_before.attributes & uint32_t{kHFSVolumeUnmountedMask});
-    if (header.writeCount != _before.writeCount) {
-        header.writeCount = _header.finalWriteCount;
-    }
+    header.attributes = (header.attributes & ~kMarkMask) | (_before.attributes & kMarkMask);
+    header.writeCount =
+        _completeFlushes() == 0 ? _before.writeCount.value() : _header.finalWriteCount.value();
     return header;
 }
 

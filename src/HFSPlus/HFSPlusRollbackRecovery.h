@@ -35,14 +35,20 @@ private:
 
     [[nodiscard]] bool _readHeader(bool& blank, VZDefragErrorSlot error);
     [[nodiscard]] bool _checkVolume(VZDefragErrorSlot error);
+    [[nodiscard]] uint32_t _completeFlushes() const;
+    [[nodiscard]] bool _hasMark() const;
     [[nodiscard]] bool _hasChangedSince() const;
+    [[nodiscard]] bool _isCopy() const;
+    [[nodiscard]] bool _forget(VZDefragErrorSlot error);
+    [[nodiscard]] bool _rollBack(VZDefragErrorSlot error);
+    [[nodiscard]] bool _cutFile(VZDefragErrorSlot error);
     [[nodiscard]] bool _isInVolume(uint64_t offset, uint64_t nbyte) const;
     [[nodiscard]] bool _findRecords(VZDefragErrorSlot error);
     [[nodiscard]] bool _takeRecord(uint64_t& place, uint64_t size, bool& whole,
                                    VZDefragErrorSlot error);
     [[nodiscard]] bool _putBack(VZDefragErrorSlot error);
     [[nodiscard]] bool _isVolumeHeader(const Record& record) const;
-    void _keepMark();
+    void _keepMark(const Record& record);
     [[nodiscard]] bool _completeAlternate(VZDefragErrorSlot error);
     [[nodiscard]] bool _writeCleanHeader(VZDefragErrorSlot error);
     [[nodiscard]] bool _readVolumeHeader(VZDefragErrorSlot error);

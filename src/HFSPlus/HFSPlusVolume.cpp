@@ -50,6 +50,8 @@ HFSPlusVolume::~HFSPlusVolume()
                 KLDebugLog(KLDebugLevel::kWarning, "%@\n", failure->description());
             }
         });
+    } else {
+        _changeMark->setFailed();  // what nobody asked to be written is dropped
     }
     // Special files write what is still dirty in their caches when they go, and find their extents
     // through the overflow file, which therefore goes last.

@@ -146,6 +146,7 @@ void HFSPlusVolume::_writeHeaders(bool headerChanged)
 
 bool HFSPlusVolume::finishChanges(VZDefragErrorSlot error)
 {
-    const bool flushed = _changeMark->hasFailed() || !needsFlush() || flush(error);
+    const bool isDone = _changeMark->hasFailed() || !(needsFlush() || _changeMark->isTorn());
+    const bool flushed = isDone || flush(error);
     return (_changeMark->end(error) && flushed) || VZDefragFail(error, kWriteFailure);
 }

@@ -56,14 +56,27 @@ LinuxDescriptor openRepeatedly(const std::string& path, int flags)
     return LinuxDescriptor(descriptor);
 }
 
-/** Makes the name @p path itself survive a power cut. */
-bool synchronizeFolderOf(const std::string& path)
+/** Makes the name of an open file itself survive a power cut. 0 or an errno value. */
+int synchronizeFolderOf(const LinuxDescriptor& file)
 {
-    const std::filesystem::path folder = std::filesystem::path(path).parent_path();
-    const LinuxDescriptor descriptor =
-        openRepeatedly(folder.empty() ? "." : folder.string(), O_RDONLY | O_DIRECTORY);
+    // Where the file lies, whatever links have led to it.
+    std::error_code failure;
+    const std::filesystem::path path =
+        std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(file.number()), failure);
+    if (failure) {
+        return failure.value();
+    }
+    const LinuxDescriptor folder =
+        openRepeatedly(path.parent_path().string(), O_RDONLY | O_DIRECTORY);
+    if (!folder) {
+        return errno;
+    }
+    int result = 0;
+    do {
+        result = fsync(folder.number()) == 0 ? 0 : errno;
+    } while (result == EINTR);
     // Some file systems cannot do this for a folder, and have no need to.
-    return descriptor && (fsync(descriptor.number()) == 0 || errno == EINVAL);
+    return result == EINVAL ? 0 : result;
 }
 
 }  // namespace
@@ -73,10 +86,15 @@ std::unique_ptr<PlatformWritableFile> PlatformOpenWritableFile(const std::string
 {
     // A write beyond the limit of this process is to fail, not to end it.
     std::signal(SIGXFSZ, SIG_IGN);
-    // Should a fifo lie there, nobody waits for its peer.
+    // Looked at before it is opened: opening some devices alone has effects.
+    struct stat status = {};
+    if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+        errorNumber = EINVAL;
+        return nullptr;
+    }
+    // Should a fifo have taken its place meanwhile, nobody waits for its peer.
     LinuxDescriptor descriptor =
         openRepeatedly(path, O_RDWR | O_NONBLOCK | O_NOCTTY | (create ? O_CREAT : 0));
-    struct stat status = {};
     if (!descriptor || fstat(descriptor.number(), &status) != 0) {
         errorNumber = errno;
         return nullptr;
@@ -89,8 +107,8 @@ std::unique_ptr<PlatformWritableFile> PlatformOpenWritableFile(const std::string
         errorNumber = errno == EWOULDBLOCK ? EBUSY : errno;
         return nullptr;
     }
-    if (create && !synchronizeFolderOf(path)) {
-        errorNumber = errno;
+    errorNumber = create ? synchronizeFolderOf(descriptor) : 0;
+    if (errorNumber != 0) {
         return nullptr;
     }
     return std::make_unique<LinuxWritableFile>(std::move(descriptor));

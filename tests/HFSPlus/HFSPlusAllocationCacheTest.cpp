@@ -278,6 +278,7 @@ TEST(HFSPlusAllocation, DestructionWritesIdleDirtyChunks)
 {
     HFSPlusOpenedVolume opened(volumeOfChunks(3));
     ASSERT_TRUE(opened) << opened.error();
+    opened.beginChanges();
     dirty(opened->allocation(), 2);
     dirty(opened->allocation(), 0);
 

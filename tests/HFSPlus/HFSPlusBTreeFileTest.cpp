@@ -435,6 +435,7 @@ TEST(HFSPlusBTreeFile, ADestroyedTreeWritesItsUnreferencedDirtyNodes)
 {
     HFSPlusOpenedVolume volume(volumeWithFreeNodes(20));
     const uint64_t offset = extentsNodeOffset(volume.volume(), 6);
+    volume.beginChanges();
     touch(volume->extents(), 6);
     volume.close();
 

@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "HFSPlus/HFSPlusAllocation.h"
@@ -354,4 +355,55 @@ TEST_F(HFSPlusRollbackFileTest, AFlushTakesOneBarrierOfTheFile)
         }
         EXPECT_EQ(barriers, 1u);
     }
+}
+
+TEST_F(HFSPlusRollbackFileTest, ACopyFromBeforeTheRunLeavesTheRecordsToTheVolumeThatNeedsThem)
+{
+    cutOffAfter(1);
+    const auto torn = std::exchange(memory, before->clone());
+    expectRefusal("Rollback file undo belongs to another volume.");
+
+    memory = torn->clone();
+    expectAsBefore();
+}
+
+TEST_F(HFSPlusRollbackFileTest, AFileThatAnEarlierRunLeftDoesNotTouchWhatALaterOneLeft)
+{
+    cutOffAfter(0);
+    const RecordedFileBytes ofEarlierRun = file->bytes();
+    expectAsBefore();
+    // Without a file.
+    {
+        HFSPlusOpenedVolume later(memory->share());
+        change(*later);
+        later.beginChanges();
+        later.faults().stopAfterWrites(1);
+        EXPECT_FALSE(later->flush(nullptr));
+    }
+    editFile([&](Bytes& bytes) { bytes = *ofEarlierRun; });
+    expectRefusal("Volume was changed after rollback file undo was written.");
+
+    // With another file.
+    memory = before->clone();
+    file = std::make_unique<RecordingFile>(std::make_shared<Recording>());
+    cutOffAfter(1);
+    editFile([&](Bytes& bytes) { bytes = *ofEarlierRun; });
+    expectRefusal("Volume was changed after rollback file undo was written.");
+}
+
+TEST_F(HFSPlusRollbackFileTest, TheMarkIsThatOfAMountedVolumeAndItsCountBelongsToTheRun)
+{
+    const auto volume = open();
+    ASSERT_TRUE(volume->changeMark().begin(nullptr));
+
+    const uint32_t first = header().writeCount;
+    EXPECT_EQ(header().attributes & (kUnmounted | kHFSBootVolumeInconsistentMask),
+              uint32_t{kHFSBootVolumeInconsistentMask});
+    EXPECT_GE(first, 0x80000000U);
+    change(*volume);
+    ASSERT_TRUE(volume->flush(nullptr));
+    EXPECT_EQ(header().writeCount, first + 1);
+    ASSERT_TRUE(volume->finishChanges(nullptr));
+    ASSERT_TRUE(volume->changeMark().begin(nullptr));
+    EXPECT_NE(header().writeCount, first);
 }
