@@ -145,6 +145,24 @@ TEST(HFSPlusCopyEngine, TooLittleFreeSpaceEndsTheRunWithItsMessageAndNothingMove
     EXPECT_EQ(extentsOf(volume, 20), (std::vector<HFSPlusCheckedExtent>{{100, 10}, {50, 10}}));
 }
 
+TEST(HFSPlusCopyEngine, TheBitmapStaysWrongWhenTheRunEndsBeforeItWrites)
+{
+    HFSPlusVolumeBuilder builder = plainVolume(400);
+    builder.file("/f", 20).data({{100, 10}, {50, 10}});
+    builder.file("/rest", 21).data({{120, 275}});
+    builder.damage(damagedBitmap(200, 5, false));
+    HFSPlusOpenedVolume volume(builder);
+    ASSERT_TRUE(volume) << volume.error();
+    const auto before = volume.memory().clone();
+
+    const DefragOutput output = runDefrag(*volume, 200 * kBlockSize);
+
+    EXPECT_EQ(output.error(), "The amount of free space is insufficient.");
+    EXPECT_FALSE(volume->needsFlush());
+    volume.close();
+    EXPECT_TRUE(volume.memory().hasSameBytesAs(*before));
+}
+
 TEST(HFSPlusCopyEngine, AZoneOfNoBlocksIsTooCongestedRatherThanEndless)
 {
     HFSPlusVolumeBuilder builder = plainVolume();

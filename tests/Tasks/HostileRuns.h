@@ -24,6 +24,8 @@ struct HostileRuns {
  *  that was refused before its first move leaves one byte changed, and where memory is not bounded.
  */
 [[nodiscard]] HostileRuns runEveryCommand(const MemoryBlockDevice& damaged);
+/** The same without pictures of the bitmap, which are as large as the volume says it is. */
+[[nodiscard]] HostileRuns runEveryCommandButBitmap(const MemoryBlockDevice& damaged);
 
 /** What one command may take beyond its copy buffer. */
 constexpr uint64_t kMostHostileMemory = 150 << 20;  // bytes

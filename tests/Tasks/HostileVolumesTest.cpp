@@ -446,10 +446,24 @@ TEST(HostileVolumes, ForksThatShareBlocksAreRefused)
     }
 }
 
-TEST(HostileVolumes, WhatIsWrongWithTheBitmapStaysWhenTheRunIsRefused)
+TEST(HostileVolumes, NodesThatAreOnlyClaimedTakeNoMemory)
 {
-    HFSPlusVolumeBuilder builder = everything();
-    builder.unchecked().damage(damagedBitmap(1200, 4, false));
-    builder.file("/zz", 70).data({{1500, 1}, {1501, 1}}).resource({{1501, 1}});
-    EXPECT_TRUE(runsOn(std::move(builder)).error().starts_with("Invalid overlapping extent"));
+    constexpr uint64_t kNodes = 0xFFFFFFF0;
+    for (const uint64_t freeNodes : {uint64_t{0}, kNodes - 4}) {
+        HFSPlusVolumeBuilder builder;
+        builder.blockSize(65536).totalBlocks(0x7FFFFFF0).contents(false).catalogNodeSize(4096);
+        builder.file("/f", 20).data({{60000, 1}, {60010, 1}});
+        builder.damage([&](Patcher& patcher) {
+            return patcher.header("catalogFile.extents[0].blockCount", kNodes / 16) &&
+                   patcher.header("catalogFile.totalBlocks", kNodes / 16) &&
+                   patcher.header("catalogFile.logicalSize", kNodes * 4096) &&
+                   patcher.treeHeader(kCatalog, "totalNodes", kNodes) &&
+                   patcher.treeHeader(kCatalog, "freeNodes", freeNodes);
+        });
+        const auto memory = builder.build();
+        ASSERT_NE(memory, nullptr) << builder.error();
+        const HostileRuns runs = runEveryCommandButBitmap(*memory);  // judges the memory
+        EXPECT_TRUE(runs.error().starts_with("Invalid overlapping extent")) << runs.error();
+        EXPECT_EQ(runs.errors.at("SCAN"), "");
+    }
 }
