@@ -89,7 +89,7 @@ std::unique_ptr<PlatformWritableFile> PlatformOpenWritableFile(const std::string
     // Looked at before it is opened: opening some devices alone has effects.
     struct stat status = {};
     if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
-        errorNumber = EINVAL;
+        errorNumber = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
         return nullptr;
     }
     // Should a fifo have taken its place meanwhile, nobody waits for its peer.

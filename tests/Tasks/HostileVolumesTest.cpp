@@ -150,18 +150,17 @@ TEST(HostileVolumes, TheVolumeIsSoundBeforeItIsDamaged)
 
 TEST(HostileVolumes, RecordOffsetsOutsideTheNodeOrNotAscendingAreRefused)
 {
-    for (const auto& [field, value] :
-         std::vector<std::pair<const char*, uint32_t>>{{"offset[0]", 16},
-                                                       {"offset[0]", 0},
-                                                       {"offset[1]", 14},
-                                                       {"offset[1]", 0xFFFE},
-                                                       {"offset[1]", 0},
-                                                       {"offset[1]", 15},
-                                                       {"numRecords", 0xFFFF},
-                                                       {"numRecords", 254}}) {
-        SCOPED_TRACE(std::string(field) + " " + std::to_string(value));
+    for (const auto& given : std::vector<std::pair<const char*, uint32_t>>{{"offset[0]", 16},
+                                                                           {"offset[0]", 0},
+                                                                           {"offset[1]", 14},
+                                                                           {"offset[1]", 0xFFFE},
+                                                                           {"offset[1]", 0},
+                                                                           {"offset[1]", 15},
+                                                                           {"numRecords", 0xFFFF},
+                                                                           {"numRecords", 254}}) {
+        SCOPED_TRACE(std::string(given.first) + " " + std::to_string(given.second));
         EXPECT_EQ(errorsOf([&](Patcher& patcher, uint32_t treeID, uint32_t node) {
-                      return patcher.node(treeID, node, field, value);
+                      return patcher.node(treeID, node, given.first, given.second);
                   }),
                   kAllRefused);
     }

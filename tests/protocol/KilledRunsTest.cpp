@@ -168,7 +168,8 @@ TEST_P(KilledBehindALine, LeavesAVolumeThatLacksNothingButTheMarkOfAnOrderlyEnd)
     EXPECT_EQ(session.process().wait(), -SIGKILL);
     const VolumeState after = readVolumeState(path);
     EXPECT_EQ(after.check.problems,
-              std::vector<std::string>{"the volume was not unmounted cleanly"});
+              (std::vector<std::string>{"the volume was not unmounted cleanly",
+                                        "attributes 0x80000800 call the volume inconsistent"}));
     EXPECT_TRUE(isAcceptedByFsck(path));
     EXPECT_EQ(after.hashes, before.hashes);
 }
