@@ -44,7 +44,10 @@ std::optional<std::vector<uint8_t>> contentsOf(const Known& volume, const HFSPlu
             volume.result.volumeOffset + uint64_t{extent.startBlock} * volume.result.blockSize;
         const auto count = static_cast<size_t>(std::min<uint64_t>(
             bytes.size() - done, uint64_t{extent.blockCount} * volume.result.blockSize));
-        if (place + count > volume.memory.size()) {
+        // The header and its copy change with every run, whatever file claims their blocks.
+        const uint64_t end = volume.result.volumeOffset + volume.result.volumeSize;
+        if (place + count > volume.memory.size() || place < volume.result.volumeOffset + 1536 ||
+            place + count > end - 1024) {
             return std::nullopt;
         }
         if (count > 0) {
