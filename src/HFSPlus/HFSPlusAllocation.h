@@ -71,7 +71,7 @@ public:
     void beginDraft();
     void keepDraft();
     void dropDraft();
-    static constexpr uint64_t kDraftLimit = 64 * 1024 * 1024;  // bytes of changed chunks
+    static constexpr uint64_t kDraftLimit = uint64_t{64} * 1024 * 1024;  // bytes of changed chunks
     /** Logs the range as a text of "0" and "1"; aborts when it cannot be read. */
     void dump(uint32_t block, uint32_t count);
 

@@ -23,7 +23,7 @@ constexpr uint32_t kHeaderMapRecord = 2;                 // after header and use
 
 /** The most that is kept of a map: 268 million nodes, which is a catalog of a terabyte in the
  *  smallest nodes that it may have. */
-constexpr size_t kMapLimit = 32 * 1024 * 1024;  // bytes
+constexpr size_t kMapLimit = size_t{32} * 1024 * 1024;  // bytes
 
 }  // namespace
 
