@@ -8,6 +8,7 @@
 #include "support/HFSPlusVolumeBuilderBytes.h"
 #include "support/HFSPlusVolumeChecker.h"
 #include "support/HFSPlusVolumeMutator.h"
+#include "support/InterleavedFiles.h"
 #include "support/TestSeed.h"
 
 // DEFRAG and COMPACT on volumes with random damage. Whatever the bytes say, a run ends, stays
@@ -15,27 +16,11 @@
 
 namespace {
 
-/** Files in interleaved pieces of one or two blocks, each with a resource fork in two. */
-void addFiles(HFSPlusVolumeBuilder& builder, uint32_t files, uint32_t pieces, uint32_t firstBlock)
-{
-    const uint32_t row = files * 3;
-    for (uint32_t file = 0; file < files; ++file) {
-        HFSPlusBuilderExtents extents;
-        for (uint32_t piece = 0; piece < pieces; ++piece) {
-            extents.push_back({firstBlock + piece * row + file * 3, 1 + (file + piece) % 2});
-        }
-        const uint32_t end = firstBlock + pieces * row;
-        builder.file("/folder " + std::to_string(file % 3) + "/file " + std::to_string(file))
-            .data(extents)
-            .resource({{end + 5 * file + 2, 1}, {end + 5 * file, 1}});
-    }
-}
-
 HFSPlusVolumeBuilder plainVolume()
 {
     HFSPlusVolumeBuilder builder;
     builder.blockSize(4096).totalBlocks(900).extentsNodeSize(512).catalogNodeSize(4096);
-    addFiles(builder, 10, 20, 120);
+    addInterleavedFiles(builder, 10, 20, 120);
     return builder;
 }
 
@@ -48,7 +33,7 @@ HFSPlusVolumeBuilder journaledVolume()
     builder.attributesNodeSize(4096).badBlocks({{40, 2}, {1500, 3}});
     builder.catalogTree().maximumLeafRecords = 4;
     builder.catalogTree().maximumIndexRecords = 3;
-    addFiles(builder, 7, 12, 600);
+    addInterleavedFiles(builder, 7, 12, 600);
     builder.attribute("inline", "some bytes").forkAttribute("fork", {{1400, 3}, {1410, 2}});
     return builder;
 }
@@ -60,7 +45,7 @@ HFSPlusVolumeBuilder wrappedVolume()
     builder.extentsTree().maximumLeafRecords = 3;
     builder.extentsTree().maximumIndexRecords = 3;
     builder.freeExtentsNodes(2);
-    addFiles(builder, 8, 30, 800);
+    addInterleavedFiles(builder, 8, 30, 800);
     return builder;
 }
 
@@ -72,7 +57,7 @@ HFSPlusVolumeBuilder volumeOfPieces()
     builder.extentsNodeSize(512).extentsFileExtents({{720, 20}, {760, 20}});
     builder.catalogExtents({{800, 12}, {820, 13}, {840, 23}}).catalogNodeSize(4096);
     builder.catalogTree().shuffled = true;
-    addFiles(builder, 6, 25, 1100);
+    addInterleavedFiles(builder, 6, 25, 1100);
     return builder;
 }
 
@@ -93,7 +78,7 @@ HFSPlusVolumeBuilder volumeOfSparseCatalog()
     builder.catalogTree().maximumLeafRecords = 3;
     builder.catalogTree().maximumIndexRecords = 4;
     builder.catalogTree().shuffled = true;
-    addFiles(builder, 8, 9, 250);
+    addInterleavedFiles(builder, 8, 9, 250);
     return builder;
 }
 

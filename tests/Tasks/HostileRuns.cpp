@@ -15,8 +15,8 @@
 #include "Tasks/HFSPlusMapTask.h"
 #include "Tasks/HFSPlusScanTask.h"
 #include "Tasks/TaskRun.h"
-#include "fuzz/FuzzDevice.h"
 #include "fuzz/FuzzJudge.h"
+#include "support/WatchedBlockDevice.h"
 
 namespace {
 
@@ -99,7 +99,9 @@ std::vector<std::pair<std::string, Command>> commands()
 class HostileRun {
 public:
     explicit HostileRun(const MemoryBlockDevice& damaged)
-        : _before(damaged), _memory(damaged.clone()), _watch(std::make_shared<FuzzDevice::Watch>())
+        : _before(damaged),
+          _memory(damaged.clone()),
+          _watch(std::make_shared<WatchedBlockDevice::Watch>())
     {
     }
 
@@ -121,7 +123,7 @@ private:
     [[nodiscard]] std::unique_ptr<HFSPlusVolume> _open(std::string& openError)
     {
         _device = VZDefragVolume::initWithBlockDevice(
-            "/dev/memory", std::make_unique<FuzzDevice>(_memory->share(), _watch));
+            "/dev/memory", std::make_unique<WatchedBlockDevice>(_memory->share(), _watch));
         std::unique_ptr<VZDefragError> failure;
         bool valid = false;
         if (!HFSPlusVolume::probe(*_device, valid, &failure) || !valid) {
@@ -155,7 +157,7 @@ private:
 
     const MemoryBlockDevice& _before;
     std::unique_ptr<MemoryBlockDevice> _memory;
-    std::shared_ptr<FuzzDevice::Watch> _watch;
+    std::shared_ptr<WatchedBlockDevice::Watch> _watch;
     std::unique_ptr<VZDefragVolume> _device;
     DefragOutput _output;
 };

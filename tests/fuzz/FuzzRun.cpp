@@ -18,10 +18,10 @@
 #include "Tasks/HFSPlusMapTask.h"
 #include "Tasks/HFSPlusScanTask.h"
 #include "Tasks/TaskRun.h"
-#include "fuzz/FuzzDevice.h"
 #include "fuzz/FuzzJudge.h"
 #include "fuzz/FuzzScript.h"
 #include "support/BootCachePlaylist.h"
+#include "support/WatchedBlockDevice.h"
 
 namespace {
 
@@ -33,7 +33,7 @@ struct OpenedInput {
         : script(input, volumes), memory(script.makeVolume())
     {
         device = VZDefragVolume::initWithBlockDevice(
-            "/dev/memory", std::make_unique<FuzzDevice>(memory->share(), watch));
+            "/dev/memory", std::make_unique<WatchedBlockDevice>(memory->share(), watch));
         bool valid = false;
         if (device == nullptr) {
             error = "no device";
@@ -59,7 +59,8 @@ struct OpenedInput {
 
     FuzzScript script;
     std::unique_ptr<MemoryBlockDevice> memory;
-    std::shared_ptr<FuzzDevice::Watch> watch = std::make_shared<FuzzDevice::Watch>();
+    std::shared_ptr<WatchedBlockDevice::Watch> watch =
+        std::make_shared<WatchedBlockDevice::Watch>();
     std::unique_ptr<VZDefragVolume> device;
     std::unique_ptr<VZDefragError> failure;
     std::unique_ptr<HFSPlusVolume> volume;  // null when it could not be opened

@@ -10,32 +10,17 @@
 #include "support/BootCachePlaylist.h"
 #include "support/HFSPlusVolumeBuilder.h"
 #include "support/HFSPlusVolumeBuilderBytes.h"
+#include "support/InterleavedFiles.h"
 
 namespace {
 
 constexpr const char* kSampleVolumes[] = {"attrs", "blk1k", "journaled", "plain4k"};
 
-/** Files in interleaved pieces of one or two blocks, each with a resource fork in two. */
-void addFiles(HFSPlusVolumeBuilder& builder, uint32_t files, uint32_t pieces, uint32_t firstBlock)
-{
-    const uint32_t row = files * 3;
-    for (uint32_t file = 0; file < files; ++file) {
-        HFSPlusBuilderExtents extents;
-        for (uint32_t piece = 0; piece < pieces; ++piece) {
-            extents.push_back({firstBlock + piece * row + file * 3, 1 + (file + piece) % 2});
-        }
-        const uint32_t end = firstBlock + pieces * row;
-        builder.file("/folder " + std::to_string(file % 3) + "/file " + std::to_string(file))
-            .data(extents)
-            .resource({{end + 5 * file + 2, 1}, {end + 5 * file, 1}});
-    }
-}
-
 HFSPlusVolumeBuilder plainVolume()
 {
     HFSPlusVolumeBuilder builder;
     builder.blockSize(1024).totalBlocks(400).extentsNodeSize(512).catalogNodeSize(4096);
-    addFiles(builder, 5, 14, 80);
+    addInterleavedFiles(builder, 5, 14, 80);
     return builder;
 }
 
@@ -48,7 +33,7 @@ HFSPlusVolumeBuilder journaledVolume()
     builder.attributesNodeSize(4096).badBlocks({{40, 2}, {730, 3}});
     builder.catalogTree().maximumLeafRecords = 4;
     builder.catalogTree().maximumIndexRecords = 3;
-    addFiles(builder, 5, 11, 240);
+    addInterleavedFiles(builder, 5, 11, 240);
     builder.attribute("inline", "some bytes").forkAttribute("fork", {{740, 3}, {750, 2}});
     return builder;
 }
@@ -60,7 +45,7 @@ HFSPlusVolumeBuilder wrappedVolume()
     builder.extentsTree().maximumLeafRecords = 2;
     builder.extentsTree().maximumIndexRecords = 3;
     builder.freeExtentsNodes(2);
-    addFiles(builder, 4, 34, 260);
+    addInterleavedFiles(builder, 4, 34, 260);
     return builder;
 }
 
@@ -72,7 +57,7 @@ HFSPlusVolumeBuilder volumeOfPieces()
     builder.extentsNodeSize(512).extentsFileExtents({{120, 20}, {160, 20}});
     builder.catalogExtents({{200, 12}, {220, 13}, {240, 23}}).catalogNodeSize(4096);
     builder.catalogTree().shuffled = true;
-    addFiles(builder, 6, 25, 400);
+    addInterleavedFiles(builder, 6, 25, 400);
     return builder;
 }
 
@@ -93,7 +78,7 @@ HFSPlusVolumeBuilder volumeOfSparseCatalog()
     builder.catalogTree().maximumLeafRecords = 3;
     builder.catalogTree().maximumIndexRecords = 4;
     builder.catalogTree().shuffled = true;
-    addFiles(builder, 4, 9, 130);
+    addInterleavedFiles(builder, 4, 9, 130);
     return builder;
 }
 

@@ -6,25 +6,24 @@
 #include <memory>
 #include <utility>
 
-#include "support/MemoryBlockDevice.h"
+#include "Platform/PlatformBlockDevice.h"
 
-/** A device in memory that takes no request beyond a certain count, so that a walk without an end
+/** A device that takes no request beyond a certain count, so that a walk without an end
  *  shows as a failure, and calls back once at another.
  */
-class FuzzDevice final : public PlatformBlockDevice {
+class WatchedBlockDevice final : public PlatformBlockDevice {
 public:
-    static constexpr uint64_t kMostOperations = 100000;
-
     /** What all duplicates share. */
     struct Watch {
         std::atomic<uint64_t> operations = 0;
         std::atomic<uint64_t> callAt = 0;  // 0: never
         std::function<void()> call;        // set before callAt
+        uint64_t mostOperations = 100000;  // set before the first
 
-        [[nodiscard]] bool isEndless() const { return operations > kMostOperations; }
+        [[nodiscard]] bool isEndless() const { return operations > mostOperations; }
     };
 
-    FuzzDevice(std::unique_ptr<PlatformBlockDevice> device, std::shared_ptr<Watch> watch)
+    WatchedBlockDevice(std::unique_ptr<PlatformBlockDevice> device, std::shared_ptr<Watch> watch)
         : _device(std::move(device)), _watch(std::move(watch))
     {
     }
@@ -43,7 +42,7 @@ public:
     [[nodiscard]] bool isWritable() const override { return _device->isWritable(); }
     [[nodiscard]] std::unique_ptr<PlatformBlockDevice> duplicate() const override
     {
-        return std::make_unique<FuzzDevice>(_device->duplicate(), _watch);
+        return std::make_unique<WatchedBlockDevice>(_device->duplicate(), _watch);
     }
 
 private:
@@ -53,7 +52,7 @@ private:
         if (operation == _watch->callAt) {
             _watch->call();
         }
-        return operation <= kMostOperations;
+        return operation <= _watch->mostOperations;
     }
 
     std::unique_ptr<PlatformBlockDevice> _device;
