@@ -1,5 +1,10 @@
 # Installs Debian packages that are missing; sourced by the scripts beside this folder.
 
+# What every configuration with GCC takes.
+# shellcheck disable=SC2034 # used by the scripts that source this
+build_packages=(cmake g++ libcli11-dev libgtest-dev libncurses-dev libplist-dev libssl-dev ninja-build
+    nlohmann-json3-dev pkg-config python3 zstd)
+
 as_root() {
     if [ "$(id -u)" -eq 0 ]; then
         "$@"
