@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <numeric>
+#include <utility>
 
 uint64_t ControlKindCounts::total() const
 {
@@ -40,6 +41,34 @@ ControlMap::ControlMap(uint32_t totalBlocks, size_t sliceLimit)
     for (size_t index = 0; index < _slices.size(); index++) {
         _slices[index].of(ControlKind::kFree) = _sliceStart(index + 1) - _sliceStart(index);
     }
+}
+
+std::optional<ControlMap> ControlMap::withSlices(uint32_t totalBlocks, uint32_t blocksPerSlice,
+                                                 std::vector<ControlKindCounts> slices)
+{
+    if (blocksPerSlice == 0 ||
+        slices.size() != (uint64_t{totalBlocks} + blocksPerSlice - 1) / blocksPerSlice) {
+        return std::nullopt;
+    }
+    ControlMap map;
+    map._totalBlocks = totalBlocks;
+    map._blocksPerSlice = blocksPerSlice;
+    for (size_t index = 0; index < slices.size(); index++) {
+        uint64_t left = map._sliceStart(index + 1) - map._sliceStart(index);
+        // One after the other, since a sum of numbers from elsewhere might wrap.
+        for (size_t kind = 0; kind < kControlKindCount; kind++) {
+            const uint64_t blocks = slices[index].of(static_cast<ControlKind>(kind));
+            if (blocks > left) {
+                return std::nullopt;
+            }
+            left -= blocks;
+        }
+        if (left != 0) {
+            return std::nullopt;
+        }
+    }
+    map._slices = std::move(slices);
+    return map;
 }
 
 uint64_t ControlMap::_sliceStart(size_t index) const
@@ -107,6 +136,21 @@ void ControlMap::move(uint32_t source, uint32_t destination, uint32_t count, boo
     });
 }
 
+ControlMap ControlMap::coarsened(size_t sliceLimit) const
+{
+    const size_t limit = std::max<size_t>(sliceLimit, 1);
+    const size_t merged = std::max<size_t>((_slices.size() + limit - 1) / limit, 1);
+    ControlMap map;
+    map._totalBlocks = _totalBlocks;
+    map._blocksPerSlice =
+        static_cast<uint32_t>(std::min<uint64_t>(uint64_t{_blocksPerSlice} * merged, UINT32_MAX));
+    map._slices.resize((_slices.size() + merged - 1) / merged);
+    for (size_t index = 0; index < _slices.size(); index++) {
+        map._slices[index / merged].add(_slices[index]);
+    }
+    return map;
+}
+
 std::vector<ControlKindCounts> ControlMap::cells(size_t count) const
 {
     std::vector<ControlKindCounts> cells(count);
@@ -137,4 +181,20 @@ size_t ControlMap::cellOfBlock(uint32_t block, size_t count) const
         return (slice * count + _slices.size() - 1) / _slices.size();
     }
     return slice * count / _slices.size();
+}
+
+ControlBlockRange ControlMap::blocksOfCell(size_t index, size_t count) const
+{
+    if (index >= count) {
+        return {};
+    }
+    if (count >= _slices.size()) {
+        const size_t slice = index * _slices.size() / count;
+        return {.start = _sliceStart(slice), .end = _sliceStart(slice + 1)};
+    }
+    // The first slice of a cell is the least that cells() adds to it.
+    const auto firstSlice = [&](size_t cell) {
+        return (cell * _slices.size() + count - 1) / count;
+    };
+    return {.start = _sliceStart(firstSlice(index)), .end = _sliceStart(firstSlice(index + 1))};
 }

@@ -3,6 +3,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 /** What an allocation block is used for, as far as the line protocol tells. */
@@ -32,6 +33,14 @@ private:
     std::array<uint64_t, kControlKindCount> _blocks = {};
 };
 
+/** The blocks from @p start to before @p end. */
+struct ControlBlockRange {
+    uint64_t start = 0;
+    uint64_t end = 0;
+
+    bool operator==(const ControlBlockRange& other) const = default;
+};
+
 /** What a volume's blocks are used for, as counts in equal slices from its first block to its last.
  *
  *  A picture of any size is made from it with cells(). All numbers are allocation blocks.
@@ -39,10 +48,21 @@ private:
  */
 class ControlMap {
 public:
+    /** A volume without blocks. */
+    ControlMap() : ControlMap(0) {}
     /** A volume of free blocks. It gets at most @p sliceLimit slices. */
-    explicit ControlMap(uint32_t totalBlocks = 0, size_t sliceLimit = kSliceLimit);
+    explicit ControlMap(uint32_t totalBlocks, size_t sliceLimit = kSliceLimit);
+
+    /** The map that has @p slices of @p blocksPerSlice blocks, the last one cut off by the end.
+     *
+     *  Nothing when they are not as many as that takes, or one counts other than its blocks.
+     */
+    [[nodiscard]] static std::optional<ControlMap> withSlices(
+        uint32_t totalBlocks, uint32_t blocksPerSlice, std::vector<ControlKindCounts> slices);
 
     [[nodiscard]] uint32_t totalBlocks() const { return _totalBlocks; }
+    [[nodiscard]] uint32_t blocksPerSlice() const { return _blocksPerSlice; }
+    [[nodiscard]] const std::vector<ControlKindCounts>& slices() const { return _slices; }
     [[nodiscard]] ControlKindCounts totals() const;
 
     /** Changes up to @p count blocks from @p start on from kind @p from to kind @p to.
@@ -58,10 +78,14 @@ public:
      */
     void move(uint32_t source, uint32_t destination, uint32_t count, bool becomesWhole);
 
+    /** The same in at most @p sliceLimit slices. */
+    [[nodiscard]] ControlMap coarsened(size_t sliceLimit) const;
     /** The volume in @p count cells of (nearly) equal size. */
     [[nodiscard]] std::vector<ControlKindCounts> cells(size_t count) const;
     /** Which of @p count cells holds @p block. */
     [[nodiscard]] size_t cellOfBlock(uint32_t block, size_t count) const;
+    /** Which blocks cell @p index of @p count cells shows. */
+    [[nodiscard]] ControlBlockRange blocksOfCell(size_t index, size_t count) const;
 
 private:
     static constexpr size_t kSliceLimit = 65536;
