@@ -1,3 +1,4 @@
+#include <vector>
 #include "ControlMap.h"
 
 #include <algorithm>

@@ -16,6 +16,21 @@ const SourceTree& sources()
     return tree;
 }
 
+const SourceTree& controlSources()
+{
+    static const SourceTree tree = readSourceTree(VZDEFRAG_CONTROL_SOURCES);
+    return tree;
+}
+
+/** What @p rule finds wrong in either program. */
+Faults faultsOfBothPrograms(Faults (*rule)(const SourceTree&))
+{
+    Faults faults = rule(sources());
+    const Faults ofControl = rule(controlSources());
+    faults.insert(faults.end(), ofControl.begin(), ofControl.end());
+    return faults;
+}
+
 SourceTree treeOf(const std::vector<SourceFile>& files)
 {
     SourceTree tree;
@@ -41,24 +56,36 @@ TEST(SourceRules, EveryLayerHasSourcesAndHeaders)
     }
 }
 
+TEST(SourceRules, TheControllingProgramHasSourcesAndHeaders)
+{
+    EXPECT_TRUE(controlSources().contains("ControlMap.h"));
+    EXPECT_TRUE(controlSources().contains("ControlMap.cpp"));
+}
+
+TEST(SourceRules, TheTwoProgramsIncludeNothingOfEachOther)
+{
+    EXPECT_EQ(includesOfAnotherTree(controlSources(), sources()), Faults{});
+    EXPECT_EQ(includesOfAnotherTree(sources(), controlSources()), Faults{});
+}
+
 TEST(SourceRules, IncludesPointOnlyToTheSameOrALowerLayer)
 {
-    EXPECT_EQ(includesAgainstTheLayers(sources()), Faults{});
+    EXPECT_EQ(faultsOfBothPrograms(includesAgainstTheLayers), Faults{});
 }
 
 TEST(SourceRules, EverySourceIncludesItsOwnHeaderFirst)
 {
-    EXPECT_EQ(sourcesNotStartingWithTheirHeader(sources()), Faults{});
+    EXPECT_EQ(faultsOfBothPrograms(sourcesNotStartingWithTheirHeader), Faults{});
 }
 
 TEST(SourceRules, SourcesAndHeadersKeepTheirLimits)
 {
-    EXPECT_EQ(filesThatAreTooLong(sources()), Faults{});
+    EXPECT_EQ(faultsOfBothPrograms(filesThatAreTooLong), Faults{});
 }
 
 TEST(SourceRules, EveryHeaderIsIncludedOnce)
 {
-    EXPECT_EQ(headersWithoutGuard(sources()), Faults{});
+    EXPECT_EQ(faultsOfBothPrograms(headersWithoutGuard), Faults{});
 }
 
 TEST(SourceRules, AnIncludeOfALayerAboveIsFound)
@@ -85,6 +112,23 @@ TEST(SourceRules, AnIncludeThatHidesBehindBracketsOrAnotherPathIsFound)
     EXPECT_EQ(includesAgainstTheLayers(tree),
               (Faults{"KLKit/KLQueue.h includes ../main.h, which is no file of ours",
                       "KLKit/KLQueue.h includes VZDefragTask.h as if it were the system's"}));
+}
+
+TEST(SourceRules, AnIncludeOfTheOtherProgramIsFoundInBothForms)
+{
+    const SourceTree control = treeOf({
+        {"ControlMap.h", "#include <HFSPlus/HFSPlusFormat.h>\n#include <vector>\n"},
+        {"main.cpp", "#include \"ControlMap.h\"\n#include \"VZDefragTask.h\"\n"},
+    });
+    const SourceTree other = treeOf({
+        {"HFSPlus/HFSPlusFormat.h", "#pragma once\n"},
+        {"VZDefragTask.h", "#pragma once\n"},
+        {"main.cpp", "\n"},
+    });
+
+    EXPECT_EQ(includesOfAnotherTree(control, other),
+              (Faults{"ControlMap.h includes HFSPlus/HFSPlusFormat.h of another program",
+                      "main.cpp includes VZDefragTask.h of another program"}));
 }
 
 TEST(SourceRules, ASourceThatBeginsWithAnotherHeaderIsFound)

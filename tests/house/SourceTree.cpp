@@ -138,6 +138,22 @@ std::vector<std::string> includesAgainstTheLayers(const SourceTree& tree)
     return faults;
 }
 
+std::vector<std::string> includesOfAnotherTree(const SourceTree& tree, const SourceTree& other)
+{
+    std::vector<std::string> faults;
+    for (const auto& [path, file] : tree) {
+        for (const std::vector<std::string>& includes :
+             {file.quotedIncludes(), file.systemIncludes()}) {
+            for (const std::string& include : includes) {
+                if (!tree.contains(include) && other.contains(include)) {
+                    faults.push_back(path + " includes " + include + " of another program");
+                }
+            }
+        }
+    }
+    return faults;
+}
+
 std::vector<std::string> sourcesNotStartingWithTheirHeader(const SourceTree& tree)
 {
     std::vector<std::string> faults;

@@ -4,7 +4,8 @@
 #include <string>
 #include <vector>
 
-/** The layers of the program; an include may only point to the same or a lower one. */
+/** The layers of vzdefrag; an include may only point to the same or a lower one. In other trees
+ *  all is of the base but main.cpp. */
 enum class SourceLayer { kPlatform, kKLKit, kBase, kHFSPlus, kTasks, kApplication };
 
 /** One source or header, as text. */
@@ -28,6 +29,10 @@ using SourceTree = std::map<std::string, SourceFile>;
 
 /** Reads every source and header below @p root. */
 [[nodiscard]] SourceTree readSourceTree(const std::string& root);
+
+/** The includes of @p tree, of either kind, that name a file of @p other, one sentence each. */
+[[nodiscard]] std::vector<std::string> includesOfAnotherTree(const SourceTree& tree,
+                                                             const SourceTree& other);
 
 /** What is wrong in @p tree, one sentence each: */
 [[nodiscard]] std::vector<std::string> includesAgainstTheLayers(const SourceTree& tree);
