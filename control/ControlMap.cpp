@@ -1,4 +1,3 @@
-#include <vector>
 #include "ControlMap.h"
 
 #include <algorithm>

@@ -42,13 +42,20 @@ Character firstCharacter(std::string_view text)
     return {.code = code, .length = length};
 }
 
+/** Unicode keeps the last two codes of each plane free for ever, and XML takes two for errors. */
+bool isNoCharacter(char32_t code)
+{
+    return (code & 0xFFFEU) == 0xFFFE;
+}
+
 /** Whether @p code could move the cursor, hide text or turn its direction. */
 bool isTroublesome(char32_t code)
 {
     return code < 0x20 || (code >= 0x7F && code < 0xA0) || code == 0xAD || code == 0x61C ||
            (code >= 0x200B && code <= 0x200F) || (code >= 0x2028 && code <= 0x202E) ||
            (code >= 0x2060 && code <= 0x206F) || code == 0xFEFF ||
-           (code >= 0xFFF9 && code <= 0xFFFB) || (code >= 0xE0000 && code <= 0xE007F);
+           (code >= 0xFFF9 && code <= 0xFFFB) || (code >= 0xE0000 && code <= 0xE007F) ||
+           isNoCharacter(code);
 }
 
 std::string formatted(const char* format, double value, const char* unit = "")
