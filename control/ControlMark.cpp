@@ -16,8 +16,8 @@ struct MarkStyle {
 constexpr std::array kStyles = {
     MarkStyle{.unicode = "░", .ascii = ".", .color = -1, .weight = -1},
     MarkStyle{.unicode = "█", .ascii = "#", .color = 6, .weight = 0},
-    MarkStyle{.unicode = "▚", .ascii = "%", .color = 1, .weight = 0},
-    MarkStyle{.unicode = "▓", .ascii = "=", .color = 5, .weight = 0},
+    MarkStyle{.unicode = "▚", .ascii = "x", .color = 1, .weight = 0},
+    MarkStyle{.unicode = "▒", .ascii = "=", .color = 5, .weight = 0},
     MarkStyle{.unicode = "◇", .ascii = "r", .color = 3, .weight = 1},
     MarkStyle{.unicode = "◆", .ascii = "W", .color = 2, .weight = 1},
 };

@@ -36,6 +36,8 @@ struct ControlRunEnd {
 
 /** Shows a run to somebody. Called on one thread, in this order: begin, the middle ones any number
  * of times, end.
+ *
+ *  Texts come as they are, with whatever names hold; each display escapes them for its output.
  */
 class ControlRunDisplay {
 public:

@@ -42,10 +42,10 @@ TEST(ControlMapText, TheDiskGoesFromTheLeftToTheRightAndThenDown)
                   std::string(40, '='),
                   std::string(20, '=') + std::string(20, '#'),
                   std::string(40, '#'),
-                  std::string(40, '%'),
-                  std::string(20, '%') + std::string(20, '.'),
+                  std::string(40, 'x'),
+                  std::string(20, 'x') + std::string(20, '.'),
                   std::string(40, '.'),
-                  ". free  # used  % fragmented  = fixed",
+                  ". free  # used  x fragmented  = fixed",
                   "One cell is 1 block, 4.00 KiB.",
               }));
 }
@@ -55,9 +55,9 @@ TEST(ControlMapText, UnicodeTakesItsOwnCharacters)
     const auto lines = pictureOf(
         quarters(), {.columns = 20, .rows = 6, .characters = ControlCharacters::kUnicode});
 
-    EXPECT_EQ(lines[0], "▓▓▓▓▓▓▓▓▓▓▓▓▓▓▓▓▓▓▓▓");
-    EXPECT_EQ(lines[1], "▓▓▓▓▓▓▓▓▓▓██████████");
-    EXPECT_EQ(lines[6], "░free █use ▚frg ▓fix");
+    EXPECT_EQ(lines[0], "▒▒▒▒▒▒▒▒▒▒▒▒▒▒▒▒▒▒▒▒");
+    EXPECT_EQ(lines[1], "▒▒▒▒▒▒▒▒▒▒██████████");
+    EXPECT_EQ(lines[6], "░free █use ▚frg ▒fix");
 }
 
 TEST(ControlMapText, AColourIsGivenOnceForARunOfCellsAndTakenBackWithTheLine)
@@ -70,7 +70,7 @@ TEST(ControlMapText, AColourIsGivenOnceForARunOfCellsAndTakenBackWithTheLine)
     EXPECT_EQ(lines[0], "\x1b[0;36m##########\x1b[0;2m..........\x1b[0m");
     EXPECT_EQ(lines[1], "\x1b[0;2m....................\x1b[0m");
     EXPECT_EQ(lines[2],
-              "\x1b[0;2m.\x1b[0mfree \x1b[0;36m#\x1b[0muse \x1b[0;31m%\x1b[0mfrg "
+              "\x1b[0;2m.\x1b[0mfree \x1b[0;36m#\x1b[0muse \x1b[0;31mx\x1b[0mfrg "
               "\x1b[0;35m=\x1b[0mfix");
 }
 

@@ -60,14 +60,14 @@ TEST(ControlMark, ACellIsMarkedByTheKindThatItShows)
 
 TEST(ControlMark, AWideLegendHasNamesAndShares)
 {
-    EXPECT_EQ(legendOf(80), ". free 50%  # used 50%  % fragmented <1%  = fixed 0%");
+    EXPECT_EQ(legendOf(80), ". free 50%  # used 50%  x fragmented <1%  = fixed 0%");
 }
 
 TEST(ControlMark, ALegendShortensWithItsWidth)
 {
-    EXPECT_EQ(legendOf(40), ". free  # used  % fragmented  = fixed");
-    EXPECT_EQ(legendOf(30), ".free #used %frag =fixed");
-    EXPECT_EQ(legendOf(20), ".free #use %frg =fix");
+    EXPECT_EQ(legendOf(40), ". free  # used  x fragmented  = fixed");
+    EXPECT_EQ(legendOf(30), ".free #used xfrag =fixed");
+    EXPECT_EQ(legendOf(20), ".free #use xfrg =fix");
     EXPECT_EQ(legendOf(12), ".free #use");
     EXPECT_EQ(legendOf(3), "");
 }
@@ -76,9 +76,9 @@ TEST(ControlMark, MovesAreExplainedWhereThereIsRoom)
 {
     using enum ControlLegendMarks;
     EXPECT_EQ(legendOf(80, kKindsAndMoves),
-              ". free 50%  # used 50%  % fragmented <1%  = fixed 0%  r read  W written");
-    EXPECT_EQ(legendOf(40, kKindsAndMoves), ".free #used %frag =fixed rread Wwrite");
-    EXPECT_EQ(legendOf(20, kKindsAndMoves), ".free #use %frg =fix");
+              ". free 50%  # used 50%  x fragmented <1%  = fixed 0%  r read  W written");
+    EXPECT_EQ(legendOf(40, kKindsAndMoves), ".free #used xfrag =fixed rread Wwrite");
+    EXPECT_EQ(legendOf(20, kKindsAndMoves), ".free #use xfrg =fix");
 }
 
 TEST(ControlMark, NoLegendIsTooWide)
