@@ -179,7 +179,7 @@ std::string grouped(uint64_t number)
 {
     std::string digits = std::to_string(number);
     for (size_t position = digits.size(); position > 3; position -= 3) {
-        digits.insert(position - 3, ",");
+        digits.insert(position - 3, 1, ',');
     }
     return digits;
 }
