@@ -3,7 +3,7 @@
 _vzdefragctl()
 {
     local current=${COMP_WORDS[COMP_CWORD]} previous= word command= index
-    local common='--tool --rollback --help --version'
+    local common='--tool --rollback --help --help-all'
     local run='--plain --json-events --time-limit --threshold --verify --report --yes --force
         --no-rollback --lowpri'
     COMPREPLY=()
@@ -48,7 +48,7 @@ _vzdefragctl()
         compact) word="$run $common" ;;
         report) word="--output --baseline $common" ;;
         recover) word=$common ;;
-        *) word='--help --version' ;;
+        *) word='--help --help-all --version' ;;
     esac
     _vzdefragctl_words "$word" "$current"
 }

@@ -14,7 +14,8 @@ complete -c vzdefragctl -n $none -a report -d 'Write a page about the volume'
 complete -c vzdefragctl -n $none -a recover -d 'Roll an interrupted run back'
 
 complete -c vzdefragctl -s h -l help -d 'Print help'
-complete -c vzdefragctl -l version -d 'Print the version'
+complete -c vzdefragctl -l help-all -d 'Print help on all commands'
+complete -c vzdefragctl -n $none -l version -d 'Print the version'
 complete -c vzdefragctl -n $any -l tool -r -F -d 'The vzdefrag to use'
 complete -c vzdefragctl -n $any -l rollback -r -F -d 'The rollback file to use'
 

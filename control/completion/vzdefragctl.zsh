@@ -6,7 +6,7 @@ common=(
     '--tool[the vzdefrag to use]:program:_files'
     '--rollback[the rollback file to use]:rollback file:_files'
     '(- *)'{-h,--help}'[print help]'
-    '(- *)--version[print the version]'
+    '(- *)--help-all[print help on all commands]'
 )
 run=(
     '(--json-events)--plain[print lines in the place of the live screen]'
@@ -31,7 +31,8 @@ commands=(
 
 local context state state_descr line
 typeset -A opt_args
-_arguments -C '(- *)'{-h,--help}'[print help]' '(- *)--version[print the version]' \
+_arguments -C '(- *)'{-h,--help}'[print help]' '(- *)--help-all[print help on all commands]' \
+    '(- *)--version[print the version]' \
     '1:command:->command' '*::argument:->arguments'
 
 case $state in
