@@ -1,0 +1,216 @@
+// Shows a made-up run on the live screen: for tests of the screen, and to look at it.
+//
+//     controlscreendemo [--percent N] [--run SECONDS] [--moves N]
+//
+// Stays at the percent given, or runs to the end in that many seconds with so many moves in all.
+// Ctrl-C asks it to stop, once more ends it; Ctrl-Z and changes of the window's size are followed.
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <clocale>
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "ControlMapText.h"
+#include "ControlPlainDisplay.h"
+#include "ControlRunText.h"
+#include "ControlScreen.h"
+#include "control/SampleFigures.h"
+
+namespace {
+
+struct Options {
+    int percent = 37;
+    double runSeconds = 0;  // 0: stay at the percent
+    size_t moves = 1000;
+};
+
+double now()
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+Options optionsOf(int argc, char** argv)
+{
+    Options options;
+    for (int index = 1; index + 1 < argc; index += 2) {
+        const std::string_view name = argv[index];
+        const char* const value = argv[index + 1];
+        if (name == "--percent") {
+            options.percent = std::atoi(value);
+        } else if (name == "--run") {
+            options.runSeconds = std::atof(value);
+        } else if (name == "--moves") {
+            options.moves = static_cast<size_t>(std::atol(value));
+        }
+    }
+    return options;
+}
+
+/** The moves that lay the files in pieces down one after the other, behind all that is in use. */
+std::vector<ControlMove> movesOf(const SampleVolume& volume)
+{
+    std::vector<ControlMove> moves;
+    uint32_t destination = volume.figures.lastUsedBlock + 1;
+    for (const ControlFile& file : volume.files) {
+        if (!file.isFragmented) {
+            continue;
+        }
+        for (const ControlExtent& extent : file.extents) {
+            moves.push_back({extent.start, destination, extent.count});
+            destination += extent.count;
+        }
+    }
+    return moves;
+}
+
+/** A run that is made up as time goes by. */
+class Run {
+public:
+    Run(ControlRunDisplay& display, const Options& options)
+        : _display(display),
+          _options(options),
+          _volume(sampleVolume()),
+          _moves(movesOf(_volume)),
+          _begin(now())
+    {
+        _display.runWillBegin(ControlJob::kDefrag, _volume.figures);
+    }
+
+    /** Goes on up to the present; false when it is complete. */
+    bool goOn()
+    {
+        const double elapsed = now() - _begin;
+        const bool isTimed = _options.runSeconds > 0;
+        const double part = isTimed ? std::min(elapsed / _options.runSeconds, 1.0)
+                                    : static_cast<double>(_options.percent) / 100;
+        const auto count = static_cast<size_t>(static_cast<double>(_options.moves) * part);
+        for (; _done < count; _done++) {
+            const ControlMove& move = _moves[_done * _moves.size() / _options.moves];
+            _movedBlocks += move.count;
+            _display.blocksDidMove(move);
+        }
+        _progress.percent = static_cast<int>(100 * part);
+        _progress.movedBlocks = _movedBlocks;
+        _progress.movedBytes = _movedBlocks * _volume.figures.blockSize;
+        _progress.bytesPerSecond = 210.0 * 1024 * 1024;
+        _progress.secondsLeft = isTimed ? _options.runSeconds - elapsed : 41;
+        _progress.elapsed = isTimed ? elapsed : 67;
+        _display.progressDidChange(_progress);
+        return !isTimed || elapsed < _options.runSeconds;
+    }
+
+    void end(bool isComplete)
+    {
+        const SampleVolume after = tidySampleVolume();
+        const ControlRunEnd runEnd{.isComplete = isComplete,
+                                   .message = isComplete ? "" : "Stopped by Ctrl-C.",
+                                   .progress = _progress,
+                                   .after = isComplete ? &after.figures : nullptr};
+        _display.runDidEnd(runEnd);
+        if (dynamic_cast<ControlScreen*>(&_display) != nullptr) {
+            std::cout << summaryOfRun(_volume.figures, runEnd) << std::flush;
+        }
+    }
+
+private:
+    ControlRunDisplay& _display;
+    const Options& _options;
+    SampleVolume _volume;
+    std::vector<ControlMove> _moves;
+    double _begin;
+    size_t _done = 0;
+    uint64_t _movedBlocks = 0;
+    ControlProgress _progress;
+};
+
+/** Waits for one of @p signals for a twentieth of a second; 0 when none came. */
+int nextSignal(const sigset_t& signals)
+{
+    const timespec wait{.tv_sec = 0, .tv_nsec = 50'000'000};
+    return std::max(::sigtimedwait(&signals, nullptr, &wait), 0);
+}
+
+/** Runs to the end or to the second Ctrl-C; whether it was the end. */
+bool runUntilEnd(Run& run, ControlRunDisplay& display, const sigset_t& signals)
+{
+    bool isStopping = false;
+    while (run.goOn()) {
+        switch (nextSignal(signals)) {
+            case SIGWINCH:
+                display.sizeDidChange();
+                break;
+            case SIGTSTP:
+                display.willSuspend();
+                ::raise(SIGSTOP);
+                display.didResume();
+                break;
+            case SIGINT:
+                if (isStopping) {
+                    return false;
+                }
+                isStopping = true;
+                display.runWillStop("Stopping safely, waiting for the blocks on their way.");
+                break;
+            default:
+                break;
+        }
+    }
+    return true;
+}
+
+std::unique_ptr<ControlRunDisplay> displayForTerminal()
+{
+    const ControlCharacters characters = charactersOfLocale();
+    ControlScreenOptions options;
+    options.characters = characters;
+    options.isColored = standardOutputWantsColor();
+    if (auto screen = ControlScreen::initWithTerminal(options)) {
+        return screen;
+    }
+    return std::make_unique<ControlPlainDisplay>(std::cout, std::cerr, characters);
+}
+
+double processorSeconds()
+{
+    rusage usage = {};
+    ::getrusage(RUSAGE_SELF, &usage);
+    const auto seconds = [](const timeval& time) {
+        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
+    };
+    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    std::setlocale(LC_ALL, "");
+    sigset_t signals;
+    ::sigemptyset(&signals);
+    for (const int signal : {SIGINT, SIGTSTP, SIGWINCH}) {
+        ::sigaddset(&signals, signal);
+    }
+    ::sigprocmask(SIG_BLOCK, &signals, nullptr);
+    const Options options = optionsOf(argc, argv);
+
+    const std::unique_ptr<ControlRunDisplay> display = displayForTerminal();
+    Run run(*display, options);
+    const double begin = now();
+    const double processorBegin = processorSeconds();
+    const bool isComplete = runUntilEnd(run, *display, signals);
+    const double processor = processorSeconds() - processorBegin;
+    const double elapsed = now() - begin;
+    run.end(isComplete);
+    std::cout << "Processor: " << processor << " s of " << elapsed << " s" << std::endl;
+    return isComplete ? 0 : 1;
+}
