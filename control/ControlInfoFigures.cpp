@@ -14,12 +14,20 @@ std::string changeOf(uint64_t before, uint64_t after)
     return after > before ? '+' + grouped(after - before) : '-' + grouped(before - after);
 }
 
-ControlComparedFigure compared(std::string name, uint64_t before, uint64_t after)
+enum class Wanted { kAny, kLess, kMore };
+
+ControlComparedFigure compared(std::string name, uint64_t before, uint64_t after,
+                               Wanted wanted = Wanted::kAny)
 {
-    return {.name = std::move(name),
-            .before = grouped(before),
-            .after = grouped(after),
-            .change = changeOf(before, after)};
+    ControlComparedFigure figure{.name = std::move(name),
+                                 .before = grouped(before),
+                                 .after = grouped(after),
+                                 .change = changeOf(before, after)};
+    if (wanted != Wanted::kAny && before != after) {
+        figure.trend = (after < before) == (wanted == Wanted::kLess) ? ControlTrend::kBetter
+                                                                     : ControlTrend::kWorse;
+    }
+    return figure;
 }
 
 }  // namespace
@@ -43,16 +51,18 @@ std::vector<ControlComparedFigure> comparedFigures(const ControlFigures& before,
 {
     const ControlFragmentation& old = before.fragmentation;
     const ControlFragmentation& now = after.fragmentation;
-    ControlComparedFigure forks = compared("Forks in pieces", old.mostForks, now.mostForks);
+    ControlComparedFigure forks =
+        compared("Forks in pieces", old.mostForks, now.mostForks, Wanted::kLess);
     forks.before = readableForks(old);
     forks.after = readableForks(now);
     return {compared("Files", before.fileCount, after.fileCount),
-            compared("Files in pieces", old.files, now.files),
+            compared("Files in pieces", old.files, now.files, Wanted::kLess),
             forks,
-            compared("Extents", old.extents, now.extents),
-            compared("Blocks in pieces", old.fragmentedBlocks, now.fragmentedBlocks),
-            compared("Percent in pieces", old.percent, now.percent),
+            compared("Extents", old.extents, now.extents, Wanted::kLess),
+            compared("Blocks in pieces", old.fragmentedBlocks, now.fragmentedBlocks, Wanted::kLess),
+            compared("Percent in pieces", old.percent, now.percent, Wanted::kLess),
             compared("Free blocks", before.freeSpace.blocks, after.freeSpace.blocks),
-            compared("Free runs", before.freeSpace.runs, after.freeSpace.runs),
-            compared("Largest free run", before.freeSpace.largestRun, after.freeSpace.largestRun)};
+            compared("Free runs", before.freeSpace.runs, after.freeSpace.runs, Wanted::kLess),
+            compared("Largest free run", before.freeSpace.largestRun, after.freeSpace.largestRun,
+                     Wanted::kMore)};
 }

@@ -11,12 +11,16 @@
 /** The sizes of free runs that class @p index holds, in blocks: "1", "2-3", "4-7". */
 [[nodiscard]] std::string readableRunClass(size_t index);
 
+/** Whether a figure went where it is meant to go. */
+enum class ControlTrend { kNone, kBetter, kWorse };
+
 /** One figure of two surveys of a volume. */
 struct ControlComparedFigure {
     std::string name;
     std::string before;
     std::string after;
     std::string change;  // "-12", "+3", "0"
+    ControlTrend trend = ControlTrend::kNone;
 };
 
 /** The figures that a run of DEFRAG or COMPACT is meant to change. */

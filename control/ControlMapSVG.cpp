@@ -15,12 +15,12 @@ struct KindStyle {
     std::string_view dark;
 };
 
-/** In the order of ControlKind. */
+/** In the order of ControlKind. Blue, red and grey stay apart whichever colours an eye confuses. */
 constexpr std::array kKindStyles = {
     KindStyle{.name = "free", .light = "#e3e7ec", .dark = "#2b323b"},
     KindStyle{.name = "used", .light = "#2f7fb5", .dark = "#4f9fd6"},
     KindStyle{.name = "fragmented", .light = "#d1492e", .dark = "#f0714f"},
-    KindStyle{.name = "fixed", .light = "#6b5b95", .dark = "#a08fd0"},
+    KindStyle{.name = "fixed", .light = "#454d59", .dark = "#c9d0da"},
 };
 
 constexpr size_t kMargin = 16;
