@@ -63,6 +63,6 @@ std::vector<ControlComparedFigure> comparedFigures(const ControlFigures& before,
             compared("Percent in pieces", old.percent, now.percent, Wanted::kLess),
             compared("Free blocks", before.freeSpace.blocks, after.freeSpace.blocks),
             compared("Free runs", before.freeSpace.runs, after.freeSpace.runs, Wanted::kLess),
-            compared("Largest free run", before.freeSpace.largestRun, after.freeSpace.largestRun,
+            compared("Largest run, blocks", before.freeSpace.largestRun, after.freeSpace.largestRun,
                      Wanted::kMore)};
 }

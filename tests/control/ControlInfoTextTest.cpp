@@ -155,16 +155,16 @@ TEST(ControlInfoText, AComparisonShowsTheDifferences)
     after.freeSpace.largestRun = 864;
 
     EXPECT_EQ(controlComparisonText(before, after),
-              "                     Before  After  Change\n"
-              "  Files                   2      2       0\n"
-              "  Files in pieces         1      0      -1\n"
-              "  Forks in pieces         1      0      -1\n"
-              "  Extents                 4      2      -2\n"
-              "  Blocks in pieces       16      0     -16\n"
-              "  Percent in pieces      13      0     -13\n"
-              "  Free blocks           864    864       0\n"
-              "  Free runs               4      1      -3\n"
-              "  Largest free run      800    864     +64\n");
+              "                       Before  After  Change\n"
+              "  Files                     2      2       0\n"
+              "  Files in pieces           1      0      -1\n"
+              "  Forks in pieces           1      0      -1\n"
+              "  Extents                   4      2      -2\n"
+              "  Blocks in pieces         16      0     -16\n"
+              "  Percent in pieces        13      0     -13\n"
+              "  Free blocks             864    864       0\n"
+              "  Free runs                 4      1      -3\n"
+              "  Largest run, blocks     800    864     +64\n");
 }
 
 }  // namespace
