@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -124,6 +125,10 @@ TEST(ControlBaseline, FiguresThatContradictEachOtherAreRefused)
     EXPECT_NE(refusalWith("/freeSpace/blocks", 101), "");
     EXPECT_NE(refusalWith("/freeSpace/largestRun", 101), "");
     EXPECT_NE(refusalWith("/freeSpace/classes/3/runs", 0), "");
+    EXPECT_EQ(refusalWith("/freeSpace/runs", 50),
+              "\"freeSpace.classes\" do not add up to all free runs.");
+    EXPECT_EQ(refusalWith("/freeSpace/blocks", 100),
+              "\"freeSpace.classes\" do not add up to all free runs.");
     EXPECT_NE(refusalWith("/freeSpace/classes/31", {{"runs", 1}, {"blocks", 1}}), "");
     EXPECT_NE(refusalWith("/map/blocksPerCell", 0), "");
     EXPECT_NE(refusalWith("/map/cells/0/0", 18446744073709551615ULL), "");
@@ -131,12 +136,28 @@ TEST(ControlBaseline, FiguresThatContradictEachOtherAreRefused)
     EXPECT_NE(refusalWith("/image", std::string(5000, 'x')), "");
 }
 
-TEST(ControlBaseline, ADocumentBeyondAllBoundsTakesNeitherMemoryNorTheStack)
+/** The most memory that this process had at once, in bytes. */
+size_t peakOfMemory()
 {
-    const std::string prefix = "{\"version\":1,\"map\":";
-    EXPECT_NE(refusalOf(prefix + std::string(4000000, '[') + std::string(4000000, ']') + '}'), "");
-    EXPECT_NE(refusalOf(prefix + std::string(4000000, '[')), "");
+    struct rusage usage = {};
+    ::getrusage(RUSAGE_SELF, &usage);
+    return static_cast<size_t>(usage.ru_maxrss) * 1024;
+}
+
+TEST(ControlBaseline, ADocumentNestedBeyondAllBoundsTakesNeitherMemoryNorTheStack)
+{
+    const std::string document = "{\"version\":1,\"map\":" + std::string(4000000, '[');
+    const size_t peakBefore = peakOfMemory();
+
+    EXPECT_NE(refusalOf(document + std::string(4000000, ']') + '}'), "");
+    EXPECT_NE(refusalOf(document), "");
     EXPECT_NE(refusalOf(std::string(kControlBaselineLimit, '{')), "");
+
+    EXPECT_LT(peakOfMemory() - peakBefore, size_t{100} << 20U);
+}
+
+TEST(ControlBaseline, AFileThatIsTooLargeIsNotRead)
+{
     EXPECT_EQ(refusalOf(std::string(kControlBaselineLimit + 1, ' ')),
               "the file is larger than 8 MiB.");
 }
