@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "ControlInfoText.h"
+
 #include <limits>
 #include <string>
 
@@ -43,13 +45,9 @@ TEST(ControlRunText, TheSummaryOfAWholeRunComparesBeforeAndAfter)
         .progress = {.percent = 100, .movedBytes = uint64_t{3} << 30U, .elapsed = 71.9},
         .after = &after};
 
-    EXPECT_EQ(summaryOfRun(figuresOf(1234, 1000), end),
-              "Done: 3.00 GiB moved in 1:11.\n"
-              "                    before     after\n"
-              "Files in pieces      1,234         0\n"
-              "Blocks in pieces     25.0%      0.0%\n"
-              "Free runs            1,200     1,200\n"
-              "Largest free run  2.00 MiB  2.00 MiB\n");
+    const ControlFigures before = figuresOf(1234, 1000);
+    EXPECT_EQ(summaryOfRun(before, end),
+              "Done: 3.00 GiB moved in 1:11.\n" + controlComparisonText(before, after));
 }
 
 TEST(ControlRunText, TheSummaryOfAStoppedRunSaysWhereAndWhy)
