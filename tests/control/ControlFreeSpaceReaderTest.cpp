@@ -11,7 +11,7 @@ namespace {
 /** A volume's map and free space, filled by a reader. */
 struct Read {
     ControlMap map;
-    ControlFreeSpace freeSpace;
+    ControlFreeSpace freeSpace = {};
     bool isWhole = false;
 };
 
@@ -62,7 +62,8 @@ TEST(ControlFreeSpaceReader, MissingTooManyAndWrongDigitsAreFound)
 
 TEST(ControlFreeSpaceReader, AnyBitmapIsReadAsAPlainCountOfItsBits)
 {
-    std::mt19937 random(5);
+    std::minstd_rand generator(5);
+    const auto random = [&] { return static_cast<uint32_t>(generator()); };
     for (int round = 0; round < 200; round++) {
         const uint32_t blocks = 1 + random() % 300;
         std::vector<bool> used((blocks + 7) / 8 * 8);

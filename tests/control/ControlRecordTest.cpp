@@ -30,7 +30,8 @@ std::vector<ControlRecord> recordsOf(const std::vector<std::string>& lines)
 ControlRecord recordOf(const std::string& line)
 {
     const std::vector<ControlRecord> records = recordsOf({line});
-    return records.size() == 1 ? records[0] : ControlRecord{.task = "not one record"};
+    EXPECT_EQ(records.size(), 1U) << line;
+    return records.empty() ? ControlRecord() : records[0];
 }
 
 TEST(ControlRecordReader, AFileHasItsFieldsAndItsExtentsInOrder)
