@@ -60,6 +60,21 @@ bool canShowScreens(const char* term, int descriptor)
     return isCapable;
 }
 
+/** Lets Ctrl-C and Ctrl-Z leave alone what is on its way to the terminal.
+ *
+ *  Else parts of the screen would be lost that curses takes for shown, or of what ends the screen.
+ */
+void keepOutputAtSignals(int descriptor)
+{
+    struct termios modes = {};
+    if (::tcgetattr(descriptor, &modes) == 0) {
+        modes.c_lflag |= NOFLSH;
+        ::tcsetattr(descriptor, TCSADRAIN, &modes);
+        // These are now the modes that curses returns to after a suspension.
+        ::def_prog_mode();
+    }
+}
+
 constexpr short kBarPair = 8;
 
 short pairOfMark(ControlMark mark)
@@ -104,6 +119,7 @@ bool ControlTerminal::_start(std::FILE* input)
     // Keys still make signals, and nothing that is typed shows.
     ::cbreak();
     ::noecho();
+    keepOutputAtSignals(::fileno(_output));
     ::curs_set(0);
     ::leaveok(::stdscr, TRUE);
     _startColors();
