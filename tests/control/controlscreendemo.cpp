@@ -1,6 +1,6 @@
 // Shows a made-up run on the live screen: for tests of the screen, and to look at it.
 //
-//     controlscreendemo [--percent N] [--run SECONDS] [--moves N]
+//     controlscreendemo [--percent N] [--run SECONDS] [--moves N] [--message TEXT]
 //
 // Stays at the percent given, or runs to the end in that many seconds with so many moves in all.
 // Ctrl-C asks it to stop, once more ends it; Ctrl-Z and changes of the window's size are followed.
@@ -14,7 +14,6 @@
 #include <cstdlib>
 #include <ctime>
 #include <iostream>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -31,6 +30,7 @@ struct Options {
     int percent = 37;
     double runSeconds = 0;  // 0: stay at the percent
     size_t moves = 1000;
+    std::string message;
 };
 
 double now()
@@ -51,6 +51,8 @@ Options optionsOf(int argc, char** argv)
             options.runSeconds = std::atof(value);
         } else if (name == "--moves") {
             options.moves = static_cast<size_t>(std::atol(value));
+        } else if (name == "--message") {
+            options.message = value;
         }
     }
     return options;
@@ -84,6 +86,9 @@ public:
           _begin(now())
     {
         _display.runWillBegin(ControlJob::kDefrag, _volume.figures);
+        if (!_options.message.empty()) {
+            _display.showMessage(_options.message);
+        }
     }
 
     /** Goes on up to the present; false when it is complete. */
@@ -109,7 +114,8 @@ public:
         return !isTimed || elapsed < _options.runSeconds;
     }
 
-    void end(bool isComplete)
+    /** Ends the display; the summary for those who show none themselves. */
+    std::string end(bool isComplete)
     {
         const SampleVolume after = tidySampleVolume();
         const ControlRunEnd runEnd{.isComplete = isComplete,
@@ -117,9 +123,7 @@ public:
                                    .progress = _progress,
                                    .after = isComplete ? &after.figures : nullptr};
         _display.runDidEnd(runEnd);
-        if (dynamic_cast<ControlScreen*>(&_display) != nullptr) {
-            std::cout << summaryOfRun(_volume.figures, runEnd) << std::flush;
-        }
+        return summaryOfRun(_volume.figures, runEnd);
     }
 
 private:
@@ -168,16 +172,16 @@ bool runUntilEnd(Run& run, ControlRunDisplay& display, const sigset_t& signals)
     return true;
 }
 
-std::unique_ptr<ControlRunDisplay> displayForTerminal()
+/** How SIGINT, SIGTERM, SIGTSTP and SIGWINCH are handled. */
+std::vector<void (*)(int)> handlers()
 {
-    const ControlCharacters characters = charactersOfLocale();
-    ControlScreenOptions options;
-    options.characters = characters;
-    options.isColored = standardOutputWantsColor();
-    if (auto screen = ControlScreen::initWithTerminal(options)) {
-        return screen;
+    std::vector<void (*)(int)> all;
+    for (const int signal : {SIGINT, SIGTERM, SIGTSTP, SIGWINCH}) {
+        struct sigaction action = {};
+        ::sigaction(signal, nullptr, &action);
+        all.push_back(action.sa_handler);
     }
-    return std::make_unique<ControlPlainDisplay>(std::cout, std::cerr, characters);
+    return all;
 }
 
 double processorSeconds()
@@ -203,14 +207,26 @@ int main(int argc, char** argv)
     ::sigprocmask(SIG_BLOCK, &signals, nullptr);
     const Options options = optionsOf(argc, argv);
 
-    const std::unique_ptr<ControlRunDisplay> display = displayForTerminal();
-    Run run(*display, options);
+    const auto handlersBefore = handlers();
+    ControlScreenOptions screenOptions;
+    screenOptions.characters = charactersOfLocale();
+    screenOptions.isColored = standardOutputWantsColor();
+    const auto screen = ControlScreen::initWithTerminal(screenOptions);
+    ControlPlainDisplay plain(std::cout, std::cerr, screenOptions.characters);
+    ControlRunDisplay& display = screen ? static_cast<ControlRunDisplay&>(*screen) : plain;
+    const bool keepsHandlers = handlers() == handlersBefore;
+
+    Run run(display, options);
     const double begin = now();
     const double processorBegin = processorSeconds();
-    const bool isComplete = runUntilEnd(run, *display, signals);
+    const bool isComplete = runUntilEnd(run, display, signals);
     const double processor = processorSeconds() - processorBegin;
     const double elapsed = now() - begin;
-    run.end(isComplete);
-    std::cout << "Processor: " << processor << " s of " << elapsed << " s" << std::endl;
+    const std::string summary = run.end(isComplete);
+    if (screen) {
+        std::cout << summary << "Drawn: " << screen->drawCount() << "\n";
+    }
+    std::cout << "Processor: " << processor << " s of " << elapsed << " s\n"
+              << "Handlers of signals: " << (keepsHandlers ? "kept" : "replaced") << std::endl;
     return isComplete ? 0 : 1;
 }
