@@ -13,7 +13,6 @@ using Paths = std::vector<std::string>;
 
 /** With 204,800 blocks a cell of the map shows 100. */
 constexpr uint32_t kBlocks = 204800;
-constexpr uint32_t kCellBlocks = 100;
 
 Paths pathsOf(const ControlReportCells::Cell& cell)
 {
