@@ -48,10 +48,14 @@ bool writeAll(int descriptor, std::string_view content)
     return true;
 }
 
-/** Whether the file at @p path is empty or begins with the first line of @p content. */
-bool isOlderVersion(const std::string& path, std::string_view content)
+std::string_view firstLineOf(std::string_view content)
 {
-    const std::string_view line = content.substr(0, content.find('\n'));
+    return content.substr(0, content.find('\n'));
+}
+
+/** Whether the file at @p path is empty or begins with @p line. */
+bool isOlderVersion(const std::string& path, std::string_view line)
+{
     std::string beginning(line.size(), '\0');
     std::ifstream file(path, std::ios::binary);
     file.read(beginning.data(), static_cast<std::streamsize>(beginning.size()));
@@ -86,20 +90,29 @@ mode_t modeOfNewFiles()
 
 }  // namespace
 
+bool mayWriteOutputFile(const std::string& path, std::string_view beginning, ControlErrorSlot error)
+{
+    struct stat status = {};
+    if (::stat(path.c_str(), &status) != 0 || S_ISCHR(status.st_mode) || S_ISFIFO(status.st_mode) ||
+        (S_ISREG(status.st_mode) && isOlderVersion(path, beginning))) {
+        return true;
+    }
+    return ControlFail(error, ControlStatus::kRefused,
+                       path + " holds something else and is left as it is.");
+}
+
 bool writeOutputFile(const std::string& path, std::string_view content, ControlErrorSlot error)
 {
+    if (!mayWriteOutputFile(path, firstLineOf(content), error)) {
+        return false;
+    }
     struct stat status = {};
     if (::stat(path.c_str(), &status) != 0) {
         return replaceFile(path, content, modeOfNewFiles(), error);
     }
     if (S_ISREG(status.st_mode)) {
-        if (isOlderVersion(path, content)) {
-            return replaceFile(path, content, status.st_mode & 07777U, error);
-        }
-    } else if (S_ISCHR(status.st_mode) || S_ISFIFO(status.st_mode)) {
-        const Descriptor file(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
-        return (file.get() >= 0 && writeAll(file.get(), content)) || failWithReason(path, error);
+        return replaceFile(path, content, status.st_mode & 07777U, error);
     }
-    return ControlFail(error, ControlStatus::kRefused,
-                       path + " holds something else and is left as it is.");
+    const Descriptor file(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
+    return (file.get() >= 0 && writeAll(file.get(), content)) || failWithReason(path, error);
 }

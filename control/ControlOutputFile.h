@@ -13,3 +13,9 @@
  */
 [[nodiscard]] bool writeOutputFile(const std::string& path, std::string_view content,
                                    ControlErrorSlot error);
+
+/** Whether writeOutputFile() would replace what is at @p path with content that begins with the
+ * line @p beginning, or find nothing there. For asking before work whose result it will take.
+ */
+[[nodiscard]] bool mayWriteOutputFile(const std::string& path, std::string_view beginning,
+                                      ControlErrorSlot error);

@@ -222,6 +222,11 @@ std::string ControlReport::page() const
          {"readiness", controlReadinessText(now)}});
 }
 
+bool ControlReport::mayWrite(const std::string& path, ControlErrorSlot error)
+{
+    return mayWriteOutputFile(path, "<!DOCTYPE html>", error);
+}
+
 bool ControlReport::write(const std::string& path, ControlErrorSlot error) const
 {
     return writeOutputFile(path, page(), error);

@@ -24,6 +24,8 @@ public:
 
     [[nodiscard]] std::string page() const;
 
+    /** Whether write() would take the file @p path: for asking before a run that it reports. */
+    [[nodiscard]] static bool mayWrite(const std::string& path, ControlErrorSlot error);
     /** Writes the page to the file @p path, which holds nothing or an older report.
      *
      *  Anything else there is refused and stays as it is: it could be a volume.

@@ -34,9 +34,13 @@ protected:
     /** The failure of writing "first\nnew\n"; nothing when it was written. */
     [[nodiscard]] std::optional<ControlFailure> failure(const std::string& path) const
     {
+        std::optional<ControlFailure> refusal;
+        const bool isRefused = !mayWriteOutputFile(path, "first", &refusal);
+        EXPECT_EQ(isRefused, refusal.has_value());
         std::optional<ControlFailure> failure;
         const bool isWritten = writeOutputFile(path, "first\nnew\n", &failure);
         EXPECT_EQ(isWritten, !failure.has_value());
+        EXPECT_EQ(isRefused, failure.has_value() && failure->status == ControlStatus::kRefused);
         return failure;
     }
 

@@ -1,8 +1,11 @@
 #include "ControlReport.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <fstream>
 #include <random>
 #include <string>
 
@@ -183,6 +186,22 @@ TEST(ControlReport, CellsSayWhatLiesInThem)
                          "50 in files in pieces\n50 blocks of /more\n1 block of /one</title>"))
         << page;
     EXPECT_EQ(occurrences(page, "</title></rect>"), 2048U);
+}
+
+TEST(ControlReport, AReportMayTakeThePlaceOfAnOlderOne)
+{
+    const std::string path =
+        ::testing::TempDir() + "control-report-" + std::to_string(::getpid()) + ".html";
+    const SampleVolume volume = sampleVolume();
+    const ControlReport report(volume.figures, nullptr);
+
+    EXPECT_TRUE(report.write(path, nullptr));
+    EXPECT_TRUE(ControlReport::mayWrite(path, nullptr));
+    EXPECT_TRUE(report.write(path, nullptr));
+    std::ofstream(path) << "a volume";
+    EXPECT_FALSE(ControlReport::mayWrite(path, nullptr));
+    EXPECT_FALSE(report.write(path, nullptr));
+    std::remove(path.c_str());
 }
 
 }  // namespace
