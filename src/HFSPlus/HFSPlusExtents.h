@@ -50,6 +50,12 @@ public:
     /** Fails with "Overflow extent record missing." when the key is not there. */
     [[nodiscard]] bool deleteExtentRecord(uint32_t block, uint32_t fileID, uint8_t forkType,
                                           VZDefragErrorSlot error);
+    /** Whether a change can take no more from the tree than it is meant to: every node of it, and
+     *  of the map, is in use and met once, and every record lies where a search looks for it.
+     *
+     *  A node that the map calls free would be set up anew by the next split.
+     */
+    [[nodiscard]] bool checkTree(VZDefragErrorSlot error);
 
 private:
     /** A leaf record as it lies in the node. */
@@ -68,6 +74,7 @@ private:
         uint32_t record = 0;  // unused in the leaf
     };
     using Path = std::vector<Step>;  // the root first, the leaf last
+    struct Walk;
     enum class Inserted { kFailed, kYes, kNodeFull };
 
     explicit HFSPlusExtents(HFSPlusVolume& volume);
@@ -90,6 +97,10 @@ private:
                                          VZDefragErrorSlot error);
     [[nodiscard]] bool _collapseRoot(HFSPlusBTreeNode& root, VZDefragErrorSlot error);
     [[nodiscard]] bool _unlinkNode(HFSPlusBTreeNode& node, VZDefragErrorSlot error);
+    [[nodiscard]] bool _checkMapNodes(std::vector<uint8_t>& unmetNodes, VZDefragErrorSlot error);
+    [[nodiscard]] bool _enterNode(Walk& walk, uint32_t index, uint32_t height,
+                                  VZDefragErrorSlot error);
+    [[nodiscard]] bool _followRecord(Walk& walk, Step& step, VZDefragErrorSlot error);
 
     [[nodiscard]] static HFSPlusExtentKey _makeKey(uint32_t block, uint32_t fileID,
                                                    uint8_t forkType);

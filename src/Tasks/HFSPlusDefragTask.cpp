@@ -7,6 +7,7 @@
 
 #include "HFSPlus/HFSPlusBitmapDraft.h"
 #include "HFSPlus/HFSPlusChangeMark.h"
+#include "HFSPlus/HFSPlusExtents.h"
 #include "HFSPlus/HFSPlusForkExtents.h"
 #include "HFSPlus/HFSPlusVolume.h"
 #include "KLKit/KLDebug.h"
@@ -260,13 +261,14 @@ bool HFSPlusDefragTask::_buildFirstSpan(VZDefragErrorSlot error)
            (_span->extentMap()->startBlock() == 0 || _buildSpan(0, error));
 }
 
+/** The tree whose records change with every move is looked at last, once for all spans. */
 bool HFSPlusDefragTask::_lookAtAllSpans(VZDefragErrorSlot error)
 {
     bool built = _buildSpan(0, error);
     while (built && !_span->reachesVolumeEnd()) {
         built = _buildSpan(_span->extentNextStartBlock(), error);
     }
-    return built;
+    return built && _volume.extents().checkTree(error);
 }
 
 bool HFSPlusDefragTask::_buildSpan(uint32_t firstBlock, VZDefragErrorSlot error)

@@ -96,6 +96,7 @@ public:
     [[nodiscard]] OverflowRecords recordsOnDisk() const
     {
         EXPECT_TRUE(tree().flush());
+        EXPECT_TRUE(tree().checkTree(nullptr));
         std::vector<std::string> list;
         HFSPlusCheckProblems problems(list, 20);
         const std::unique_ptr<MemoryBlockDevice> copy = memory().clone();

@@ -51,6 +51,21 @@ void expectSoundDefrag(HFSPlusOpenedVolume& volume, uint64_t bufferSize)
     EXPECT_TRUE(volume) << volume.error();
 }
 
+/** A fork whose records fill a deep tree, and room before it to slide it to. */
+HFSPlusVolumeBuilder volumeOfDeepTree()
+{
+    HFSPlusVolumeBuilder builder;
+    builder.blockSize(512).totalBlocks(1200).extentsNodeSize(512).freeExtentsNodes(1);
+    builder.extentsTree().maximumLeafRecords = 2;
+    builder.extentsTree().maximumIndexRecords = 2;
+    HFSPlusBuilderExtents extents;
+    for (uint32_t block = 480; block > 160; block -= 4) {
+        extents.push_back({block, 1 + block / 4 % 2});
+    }
+    builder.file("/pieces", 20).data(extents);
+    return builder;
+}
+
 }  // namespace
 
 TEST(HFSPlusSpecialFiles, EachOfThemInPiecesEndsWhole)
@@ -326,6 +341,37 @@ TEST(HFSPlusSpecialFiles, AnOverflowFileWithoutFreeNodesEndsTheRunWithEveryForkW
     const HFSPlusCheckResult after = volume.check();
     EXPECT_TRUE(after.consistent) << after.description();
     EXPECT_EQ(volume.hashes(), before);
+}
+
+TEST(HFSPlusSpecialFiles, AnExtentsFileWhoseMapOffersItsOwnNodesIsLeftAlone)
+{
+    for (const std::string command : {"COMPACT", "DEFRAG"}) {
+        SCOPED_TRACE(command);
+        const auto run = [&](HFSPlusOpenedVolume& volume) {
+            return runDefrag(*volume, uint64_t{82} * 512, {command}).error();
+        };
+        HFSPlusOpenedVolume sound(volumeOfDeepTree());
+        ASSERT_TRUE(sound) << sound.error();
+        EXPECT_EQ(run(sound), "");
+        HFSPlusVolumeBuilder builder = volumeOfDeepTree();
+        builder.damage([](HFSPlusVolumeBuilderPatcher& patcher) {
+            bool done = true;
+            for (uint32_t node = 1; node < 7; ++node) {
+                done = patcher.treeMap(kHFSPlusBuilderExtentsID, node, false) && done;
+            }
+            return done;
+        });
+        HFSPlusOpenedVolume volume(builder);
+        ASSERT_TRUE(volume) << volume.error();
+        const HFSPlusForkHashes before = volume.hashes();
+        const auto memory = volume.memory().clone();
+
+        EXPECT_EQ(run(volume), "Overflow extents file is inconsistent.");
+
+        volume.close();
+        EXPECT_EQ(volume.hashes(), before);
+        EXPECT_TRUE(volume.memory().hasSameBytesAs(*memory));
+    }
 }
 
 TEST(HFSPlusSpecialFiles, NodesOfAJournaledVolumeStayWholeHoweverARunEnds)
