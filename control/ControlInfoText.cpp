@@ -1,6 +1,7 @@
 #include "ControlInfoText.h"
 
 #include <algorithm>
+#include <cmath>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -81,7 +82,7 @@ std::string bar(uint64_t part, uint64_t most, size_t width, ControlCharacters ch
     // The longest bar fills the width, and what there is shows.
     const auto share = static_cast<double>(part) / static_cast<double>(most);
     const size_t length =
-        std::max<size_t>(1, static_cast<size_t>(share * static_cast<double>(width) + 0.5));
+        std::max<size_t>(1, static_cast<size_t>(std::lround(share * static_cast<double>(width))));
     std::string text;
     for (size_t index = 0; index < length; index++) {
         text += characters == ControlCharacters::kUnicode ? "█" : "#";

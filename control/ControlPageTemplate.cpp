@@ -23,7 +23,7 @@ std::string hashOf(std::string_view text)
     if (EVP_Digest(text.data(), text.size(), hash.data(), &size, EVP_sha256(), nullptr) != 1) {
         return {};
     }
-    std::array<unsigned char, 2 * EVP_MAX_MD_SIZE> encoded = {};
+    std::array<unsigned char, size_t{2}* EVP_MAX_MD_SIZE> encoded = {};
     const int length = EVP_EncodeBlock(encoded.data(), hash.data(), static_cast<int>(size));
     return "sha256-" + std::string(encoded.begin(), encoded.begin() + length);
 }

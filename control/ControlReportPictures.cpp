@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <string_view>
 #include <vector>
 
@@ -93,7 +94,7 @@ std::string histogramRow(const ControlFigures& figures, size_t index, size_t row
     const ControlRunClass& runs = figures.freeSpace.classes.at(index);
     const double share =
         mostBlocks == 0 ? 0 : static_cast<double>(runs.blocks) / static_cast<double>(mostBlocks);
-    const auto length = static_cast<uint64_t>(share * kBarWidth + 0.5);
+    const auto length = static_cast<uint64_t>(std::lround(share * kBarWidth));
     const uint64_t shown = runs.blocks == 0 ? 0 : std::max<uint64_t>(length, 2);
     const size_t top = row * kRowHeight;
     const size_t baseline = top + 16;
