@@ -6,11 +6,16 @@ namespace {
 
 using Seconds = std::chrono::duration<double>;
 
-constexpr Seconds kWindow{5};
+constexpr double kRateWindow = 5;
 // Samples closer together add nothing.
-constexpr Seconds kSampleDistance{0.1};
+constexpr double kSampleDistance = 0.05;
 // With less done, the time left would be a guess.
-constexpr double kLeastPercent = 1;
+constexpr double kLeastShare = 0.01;
+// A move of one block takes as long as so many bytes more, whatever the disk makes of it.
+constexpr double kBytesPerMove = 32 << 10;
+// The moves of the first batch are read within so many seconds.
+constexpr double kBatchLength = 0.05;
+constexpr size_t kCrowdingCells = 4096;
 
 double secondsBetween(ControlProgressMeter::Clock::time_point begin,
                       ControlProgressMeter::Clock::time_point end)
@@ -20,30 +25,35 @@ double secondsBetween(ControlProgressMeter::Clock::time_point begin,
 
 }  // namespace
 
-ControlProgressMeter::ControlProgressMeter(uint32_t blockSize, Clock::time_point begin)
-    : _blockSize(blockSize), _begin(begin)
+ControlProgressMeter::ControlProgressMeter(uint32_t blockSize, const ControlWorkload& workload,
+                                           Clock::time_point begin)
+    : _blockSize(blockSize), _workload(workload), _begin(begin)
 {
 }
 
 void ControlProgressMeter::addMove(int percent, uint32_t count, Clock::time_point now)
 {
     _blocks += count;
+    _moves++;
+    if (_moves == 1) {
+        _firstMove = now;
+    }
+    // A batch of moves is told at once, when all of it is done.
+    const Sample sample{.time = now, .blocks = _blocks, .moves = _moves};
+    if (secondsBetween(_firstMove, now) < kBatchLength) {
+        _first = sample;
+    }
     // Room that had to be made can bring the tool's figure above 100.
     percent = std::clamp(percent, _percent, 100);
     if (percent > _percent) {
         _percent = percent;
         _blocksAtPercent = _blocks;
     }
-    const Sample sample{.time = now, .blocks = _blocks, .percent = _exactPercent()};
-    // A batch of moves is told at once, when all of it is done.
-    if (!_first || secondsBetween(_first->time, now) < kSampleDistance.count() / 10) {
-        _first = sample;
+    if (_samples.empty() || secondsBetween(_samples.back().time, now) >= kSampleDistance) {
+        _samples.push_back(sample);
     }
-    if (_recent.empty() || secondsBetween(_recent.back().time, now) >= kSampleDistance.count()) {
-        _recent.push_back(sample);
-    }
-    while (_recent.size() > 1 && secondsBetween(_recent.front().time, now) > kWindow.count()) {
-        _recent.pop_front();
+    while (_samples.size() > 1 && secondsBetween(_samples[1].time, now) >= kRateWindow) {
+        _samples.pop_front();
     }
 }
 
@@ -63,18 +73,42 @@ double ControlProgressMeter::_exactPercent() const
     return _percent + std::min(beyond, 1.0);
 }
 
+double ControlProgressMeter::_shareMoved() const
+{
+    // What lies at a place makes room unless its turn has come before: with the share x done, a
+    // block still does so with the probability 1 - x. The integral over x is what has moved.
+    const double done = _exactPercent() / 100;
+    return (done + _workload.crowding * (done - done * done / 2)) / (1 + _workload.crowding / 2);
+}
+
 std::optional<double> ControlProgressMeter::_secondsLeft(Clock::time_point now) const
 {
-    const double percent = _exactPercent();
-    if (!_first || percent < kLeastPercent) {
+    const double share = _shareMoved();
+    if (_percent == 100) {
+        return 0;
+    }
+    if (_moves == 0 || share < kLeastShare) {
         return std::nullopt;
     }
-    const double since = secondsBetween(_first->time, now);
-    const double done = percent - _first->percent;
-    if (done < kLeastPercent || since <= 0) {
-        return secondsBetween(_begin, now) * (100 - percent) / percent;
+    const double ratio = (1 - share) / share;
+    // Files in many pieces may come first or last: the pieces left are those not yet seen, but no
+    // more of them than there were so far.
+    const double allMoves = static_cast<double>(_workload.extents) * (1 + _workload.crowding / 2);
+    const auto moves = static_cast<double>(_moves);
+    const double movesLeft = std::clamp(allMoves - moves, 0.0, moves * ratio);
+    const auto work = [&](double blocks, double count) {
+        return blocks * _blockSize + count * kBytesPerMove;
+    };
+    const auto blocks = static_cast<double>(_blocks);
+    const double left = work(blocks * ratio, movesLeft);
+    const double since = secondsBetween(_first.time, now);
+    const double done = work(blocks - static_cast<double>(_first.blocks),
+                             moves - static_cast<double>(_first.moves));
+    const double all = work(blocks, moves);
+    if (since <= 0 || done < kLeastShare * all) {
+        return secondsBetween(_begin, now) * left / all;
     }
-    return since * (100 - percent) / done;
+    return since * left / done;
 }
 
 ControlProgress ControlProgressMeter::progress(Clock::time_point now) const
@@ -85,13 +119,36 @@ ControlProgress ControlProgressMeter::progress(Clock::time_point now) const
     progress.movedBytes = _blocks * _blockSize;
     progress.elapsed = secondsBetween(_begin, now);
     progress.secondsLeft = _secondsLeft(now);
-    if (!_recent.empty()) {
+    if (!_samples.empty()) {
         // Until the window is full the rate is that since the beginning.
-        const bool isFull = progress.elapsed > kWindow.count();
-        const double since = isFull ? secondsBetween(_recent.front().time, now) : progress.elapsed;
-        const uint64_t before = isFull ? _recent.front().blocks : 0;
+        const double since = secondsBetween(_samples.front().time, now);
+        const bool isFull = progress.elapsed > kRateWindow && since > 0;
+        const uint64_t blocks = _blocks - (isFull ? _samples.front().blocks : 0);
+        const double seconds = isFull ? since : progress.elapsed;
         progress.bytesPerSecond =
-            since > 0 ? static_cast<double>((_blocks - before) * _blockSize) / since : 0;
+            seconds > 0 ? static_cast<double>(blocks * _blockSize) / seconds : 0;
     }
     return progress;
+}
+
+ControlWorkload workloadOf(const ControlFigures& figures, ControlJob job)
+{
+    ControlWorkload workload{.crowding = 0, .extents = figures.fragmentation.extents};
+    if (job == ControlJob::kCompact) {
+        return workload;
+    }
+    // The files' data will lie at the front.
+    uint64_t place = 0;
+    uint64_t inUse = 0;
+    const size_t cells = std::min<size_t>(kCrowdingCells, figures.totalBlocks);
+    for (const ControlKindCounts& cell : figures.map.cells(cells)) {
+        if (place >= figures.fileBlocks) {
+            break;
+        }
+        const uint64_t files = cell.of(ControlKind::kUsed) + cell.of(ControlKind::kFragmented);
+        place += files + cell.of(ControlKind::kFree);
+        inUse += files;
+    }
+    workload.crowding = place == 0 ? 0 : static_cast<double>(inUse) / static_cast<double>(place);
+    return workload;
 }

@@ -144,7 +144,8 @@ bool ControlRun::_checkBefore(ControlErrorSlot error)
 
 bool ControlRun::_move(ControlErrorSlot error)
 {
-    _meter.emplace(_before.blockSize, ControlTool::Clock::now());
+    _meter.emplace(_before.blockSize, workloadOf(_before, _settings.job),
+                   ControlTool::Clock::now());
     _isMoving = true;
     const auto handle = [&](const ControlRecord& record) { _handleMove(record); };
     const bool isDone = _session->run(commandFor(_settings), handle, error);

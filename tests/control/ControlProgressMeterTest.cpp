@@ -10,7 +10,7 @@ using std::chrono::milliseconds;
 TEST(ControlProgressMeter, PercentNeverGoesBackNorAboveAHundred)
 {
     const Clock::time_point begin;
-    ControlProgressMeter meter(4096, begin);
+    ControlProgressMeter meter(4096, {}, begin);
 
     meter.addMove(40, 10, begin + milliseconds(100));
     meter.addMove(12, 10, begin + milliseconds(200));
@@ -23,7 +23,7 @@ TEST(ControlProgressMeter, PercentNeverGoesBackNorAboveAHundred)
 TEST(ControlProgressMeter, TheRateIsThatOfTheLastSeconds)
 {
     const Clock::time_point begin;
-    ControlProgressMeter meter(1000, begin);
+    ControlProgressMeter meter(1000, {}, begin);
     for (int step = 1; step <= 200; step++) {
         // 1 MB/s for ten seconds, then 4 MB/s.
         meter.addMove(step / 2, step <= 100 ? 100 : 400, begin + milliseconds(100 * step));
@@ -35,7 +35,7 @@ TEST(ControlProgressMeter, TheRateIsThatOfTheLastSeconds)
 TEST(ControlProgressMeter, TheTimeLeftIsRightForASteadyRunThatBeganLate)
 {
     const Clock::time_point begin;
-    ControlProgressMeter meter(4096, begin);
+    ControlProgressMeter meter(4096, {}, begin);
     EXPECT_FALSE(meter.progress(begin + milliseconds(3000)).secondsLeft.has_value());
 
     // Five seconds of preparation, then one percent a second.
@@ -53,12 +53,65 @@ TEST(ControlProgressMeter, TheTimeLeftIsRightForASteadyRunThatBeganLate)
 TEST(ControlProgressMeter, AFinishedRunHasNothingLeft)
 {
     const Clock::time_point begin;
-    ControlProgressMeter meter(4096, begin);
+    ControlProgressMeter meter(4096, {}, begin);
     meter.addMove(93, 10, begin + milliseconds(100));
     meter.finish();
 
     EXPECT_EQ(meter.progress(begin + milliseconds(200)).percent, 100);
     EXPECT_EQ(meter.progress(begin + milliseconds(200)).secondsLeft.value_or(-1), 0);
+}
+
+TEST(ControlProgressMeter, MakingRoomFirstIsReckonedWith)
+{
+    const Clock::time_point begin;
+    constexpr double kCrowding = 0.8;
+    ControlProgressMeter meter(4096, {.crowding = kCrowding, .extents = 0}, begin);
+    // Steady work on a volume so crowded: the percentage rises faster and faster.
+    const auto shareAt = [&](double done) {
+        return (done + kCrowding * (done - done * done / 2)) / (1 + kCrowding / 2);
+    };
+    double moved = 0;
+    for (int percent = 1; percent <= 95; percent++) {
+        const double share = shareAt(percent / 100.0);
+        const auto now = begin + milliseconds(static_cast<int64_t>(100000 * share));
+        meter.addMove(percent, static_cast<uint32_t>(1e6 * (share - moved)), now);
+        moved = share;
+        if (share >= 0.2) {
+            EXPECT_NEAR(meter.progress(now).secondsLeft.value_or(0), 100 - 100 * share,
+                        0.05 * (100 - 100 * share))
+                << percent;
+        }
+    }
+}
+
+TEST(ControlProgressMeter, FilesInManyPiecesAreReckonedWithOnceTheyArePast)
+{
+    // A thousand pieces of one block first, then a large one: half of the blocks each, the pieces
+    // taking nine seconds and the rest one.
+    const Clock::time_point begin;
+    ControlProgressMeter meter(4096, {.crowding = 0, .extents = 1001}, begin);
+    for (int move = 1; move <= 1000; move++) {
+        meter.addMove(move / 20, 1, begin + milliseconds(9 * move));
+    }
+
+    EXPECT_NEAR(meter.progress(begin + milliseconds(9000)).secondsLeft.value_or(0), 1, 0.1);
+}
+
+TEST(ControlProgressMeter, CrowdingIsTheShareInUseOfThePlaceToBeFilled)
+{
+    ControlFigures figures;
+    figures.fileBlocks = 400;
+    figures.totalBlocks = 1000;
+    figures.fragmentation.extents = 7;
+    figures.map = ControlMap(1000);
+    // The files' place at the front is half full; 100 fixed blocks do not count.
+    figures.map.change(0, 100, ControlKind::kFree, ControlKind::kFixed);
+    figures.map.change(100, 200, ControlKind::kFree, ControlKind::kUsed);
+    figures.map.change(700, 200, ControlKind::kFree, ControlKind::kFragmented);
+
+    EXPECT_DOUBLE_EQ(workloadOf(figures, ControlJob::kDefrag).crowding, 0.5);
+    EXPECT_EQ(workloadOf(figures, ControlJob::kCompact).crowding, 0);
+    EXPECT_EQ(workloadOf(figures, ControlJob::kCompact).extents, 7U);
 }
 
 }  // namespace
