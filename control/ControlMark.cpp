@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 
 namespace {
 
@@ -55,8 +56,8 @@ std::string shareOf(uint64_t blocks, uint64_t total)
     if (total == 0) {
         return " 0%";
     }
-    const auto percent =
-        static_cast<unsigned>(static_cast<double>(blocks) * 100 / static_cast<double>(total) + 0.5);
+    const long percent =
+        std::lround(static_cast<double>(blocks) * 100 / static_cast<double>(total));
     return blocks != 0 && percent == 0 ? " <1%" : " " + std::to_string(percent) + "%";
 }
 
