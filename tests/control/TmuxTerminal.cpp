@@ -13,7 +13,6 @@
 
 namespace {
 
-constexpr std::chrono::seconds kPatience{20};
 constexpr std::chrono::milliseconds kPause{50};
 
 std::string quoted(const std::string& text)
@@ -81,10 +80,10 @@ TmuxTerminal::Lines TmuxTerminal::lines() const
     return lines;
 }
 
-TmuxTerminal::Lines TmuxTerminal::waitUntil(
-    const std::function<bool(const Lines&)>& condition) const
+TmuxTerminal::Lines TmuxTerminal::waitUntil(const std::function<bool(const Lines&)>& condition,
+                                            std::chrono::seconds patience) const
 {
-    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    const auto deadline = std::chrono::steady_clock::now() + patience;
     Lines shown = lines();
     while (!condition(shown) && std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(kPause);
@@ -93,9 +92,10 @@ TmuxTerminal::Lines TmuxTerminal::waitUntil(
     return shown;
 }
 
-TmuxTerminal::Lines TmuxTerminal::waitFor(const std::string& text) const
+TmuxTerminal::Lines TmuxTerminal::waitFor(const std::string& text,
+                                          std::chrono::seconds patience) const
 {
-    return waitUntil([&](const Lines& shown) { return holdsText(shown, text); });
+    return waitUntil([&](const Lines& shown) { return holdsText(shown, text); }, patience);
 }
 
 bool holdsText(const TmuxTerminal::Lines& lines, const std::string& text)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <string>
 #include <vector>
@@ -11,6 +12,7 @@
 class TmuxTerminal {
 public:
     using Lines = std::vector<std::string>;
+    static constexpr std::chrono::seconds kPatience{20};
 
     /** Runs @p command by a shell, in UTF-8. */
     TmuxTerminal(size_t columns, size_t rows, const std::string& command);
@@ -25,9 +27,11 @@ public:
     /** What the window shows, without the space at the ends of lines. */
     [[nodiscard]] Lines lines() const;
     /** Waits until what the window shows pleases @p condition; the last that it showed. */
-    [[nodiscard]] Lines waitUntil(const std::function<bool(const Lines&)>& condition) const;
+    [[nodiscard]] Lines waitUntil(const std::function<bool(const Lines&)>& condition,
+                                  std::chrono::seconds patience = kPatience) const;
     /** Waits until a line holds @p text. */
-    [[nodiscard]] Lines waitFor(const std::string& text) const;
+    [[nodiscard]] Lines waitFor(const std::string& text,
+                                std::chrono::seconds patience = kPatience) const;
 
 private:
     /** The output of tmux with @p arguments. */
