@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <string>
@@ -80,5 +81,10 @@ struct ControlFigures {
     ControlMap map;
 
     [[nodiscard]] uint64_t usedBlocks() const { return totalBlocks - freeSpace.blocks; }
+    /** Blocks in use that belong to no file. */
+    [[nodiscard]] uint64_t ownBlocks() const
+    {
+        return usedBlocks() - std::min(usedBlocks(), fileBlocks);
+    }
     [[nodiscard]] uint64_t bytes(uint64_t blocks) const { return blocks * blockSize; }
 };

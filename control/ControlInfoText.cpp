@@ -50,7 +50,7 @@ std::string section(std::string_view heading,
 
 std::string volumeSection(const ControlFigures& figures)
 {
-    const std::string fixed = blocksText(figures, figures.map.totals().of(ControlKind::kFixed));
+    const std::string fixed = blocksText(figures, figures.ownBlocks());
     return section(
         "Volume",
         {{"Format", figures.format + (figures.isJournaled ? ", journaled" : ", not journaled")},

@@ -66,7 +66,5 @@ void ControlPlainDisplay::showMessage(const std::string& message)
 
 void ControlPlainDisplay::runDidEnd(const ControlRunEnd& end)
 {
-    ControlRunEnd shown = end;
-    shown.message = escapedForTerminal(end.message, _characters);
-    _output << summaryOfRun(_before, shown) << std::flush;
+    _output << summaryOfRun(_before, end) << std::flush;
 }

@@ -70,6 +70,9 @@ bool ControlProgram::_map(ControlErrorSlot error)
 
 bool ControlProgram::_report(ControlErrorSlot error)
 {
+    if (!ControlReport::mayWrite(_options.reportFile, error)) {
+        return false;
+    }
     std::optional<ControlFigures> baseline;
     if (!_options.baselineFile.empty()) {
         baseline = figuresOfDocumentFile(_options.baselineFile, error);
@@ -88,6 +91,10 @@ bool ControlProgram::_report(ControlErrorSlot error)
     }
     ControlReport report(figures, &cells);
     if (baseline) {
+        if (baseline->blockSize != figures.blockSize ||
+            baseline->totalBlocks != figures.totalBlocks) {
+            ControlTell("The volume of " + _options.baselineFile + " has another size.");
+        }
         report.setBaseline(*baseline, nullptr);
     }
     return report.write(_options.reportFile, error);
@@ -111,6 +118,10 @@ std::unique_ptr<ControlRunDisplay> ControlProgram::_display(bool& isScreen) cons
 
 bool ControlProgram::_move(ControlErrorSlot error)
 {
+    // Better now than when all is done.
+    if (!_options.reportFile.empty() && !ControlReport::mayWrite(_options.reportFile, error)) {
+        return false;
+    }
     ControlRun::Settings settings{
         .job = _options.command == ControlOptions::Command::kCompact ? ControlJob::kCompact
                                                                      : ControlJob::kDefrag,
@@ -133,9 +144,7 @@ bool ControlProgram::_move(ControlErrorSlot error)
         ControlTell("Fragmentation is below the threshold; nothing was done.");
     }
     if (isScreen && run.end()) {
-        ControlRunEnd end = *run.end();
-        end.message = escapedForTerminal(end.message, charactersOfLocale());
-        std::cout << summaryOfRun(run.before(), end);
+        std::cout << summaryOfRun(run.before(), *run.end());
     }
     return _writeReport(run, error) && isDone;
 }

@@ -87,7 +87,7 @@ std::string figuresTable(const ControlFigures& figures)
     const std::vector<std::pair<std::string_view, std::string>> lines = {
         {"In use", sizeText(figures, figures.usedBlocks())},
         {"Files", grouped(figures.fileCount) + " in " + sizeText(figures, figures.fileBlocks)},
-        {"Own structures", sizeText(figures, figures.map.totals().of(ControlKind::kFixed))},
+        {"Own structures", sizeText(figures, figures.ownBlocks())},
         {"Files in pieces", grouped(fragmentation.files)},
         {"Forks in pieces", readableForks(fragmentation)},
         {"Extents of all files", grouped(fragmentation.extents)},

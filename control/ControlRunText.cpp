@@ -36,9 +36,6 @@ std::string summaryOfRun(const ControlFigures& before, const ControlRunEnd& end)
         end.isComplete ? "Done" : "Stopped early at " + std::to_string(progress.percent) + "%";
     text += ": " + readableSize(progress.movedBytes) + " moved in " +
             readableDuration(progress.elapsed) + ".\n";
-    if (!end.message.empty()) {
-        text += end.message + "\n";
-    }
     if (end.after != nullptr) {
         text += controlComparisonText(before, *end.after);
     }

@@ -12,6 +12,6 @@
 [[nodiscard]] std::string progressAsText(const ControlProgress& progress);
 
 /** How a run ended, in lines for people; with the volume's figures before and after where both are
- * known. @p end's message is shown as it is and has to be safe for a terminal.
+ * known. Why it ended early is a message of its own.
  */
 [[nodiscard]] std::string summaryOfRun(const ControlFigures& before, const ControlRunEnd& end);

@@ -50,7 +50,7 @@ TEST(ControlRunText, TheSummaryOfAWholeRunComparesBeforeAndAfter)
               "Done: 3.00 GiB moved in 1:11.\n" + controlComparisonText(before, after));
 }
 
-TEST(ControlRunText, TheSummaryOfAStoppedRunSaysWhereAndWhy)
+TEST(ControlRunText, TheSummaryOfAStoppedRunSaysWhere)
 {
     const ControlRunEnd end{.isComplete = false,
                             .message = "The time limit is over.",
@@ -58,7 +58,7 @@ TEST(ControlRunText, TheSummaryOfAStoppedRunSaysWhereAndWhy)
                             .after = nullptr};
 
     EXPECT_EQ(summaryOfRun(figuresOf(1, 1), end),
-              "Stopped early at 37%: 4.00 KiB moved in 0:07.\nThe time limit is over.\n");
+              "Stopped early at 37%: 4.00 KiB moved in 0:07.\n");
 }
 
 }  // namespace

@@ -140,7 +140,6 @@ TEST_F(ControlScreenWindow, WhatWasOnTheTerminalIsBackAfterwardsWithTheSummaryBe
     const Lines lines = window.waitFor("Processor");
     EXPECT_EQ(lines.at(0), "as it was");
     EXPECT_TRUE(lines.at(1).starts_with("Stopped early at 37%")) << lines.at(1);
-    EXPECT_EQ(lines.at(2), "Stopped by Ctrl-C.");
 }
 
 TEST_F(ControlScreenWindow, ASuspendedJobLeavesTheShellAndComesBack)

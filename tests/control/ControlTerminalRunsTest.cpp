@@ -45,7 +45,7 @@ TEST_F(ControlTerminalRuns, CtrlCStopsTheToolSafelyAndGivesTheTerminalBack)
 {
     PseudoTerminal terminal(setup({"defrag", _tool.image(), "--force"}));
     const std::string modes = terminal.modes();
-    ASSERT_TRUE(terminal.waitFor("25%"));
+    ASSERT_TRUE(terminal.waitFor("32.0 KiB moved"));
 
     terminal.type("\x03");
 
@@ -58,7 +58,7 @@ TEST_F(ControlTerminalRuns, CtrlCStopsTheToolSafelyAndGivesTheTerminalBack)
 TEST_F(ControlTerminalRuns, CtrlZPausesTheToolTooAndTheRunGoesOnAfterwards)
 {
     PseudoTerminal terminal(setup({"defrag", _tool.image(), "--force"}));
-    ASSERT_TRUE(terminal.waitFor("25%"));
+    ASSERT_TRUE(terminal.waitFor("32.0 KiB moved"));
 
     terminal.type("\x1a");
     ASSERT_TRUE(terminal.waitUntilStopped());
@@ -75,7 +75,7 @@ TEST_F(ControlTerminalRuns, CtrlZPausesTheToolTooAndTheRunGoesOnAfterwards)
     const size_t before = terminal.output().size();
     terminal.goOn();
     // The screen is drawn again, all of it.
-    EXPECT_TRUE(terminal.waitFor("25%", before));
+    EXPECT_TRUE(terminal.waitFor("32.0 KiB moved", before));
 
     terminal.type("\x03");
     EXPECT_EQ(terminal.wait(), 1);
@@ -85,12 +85,12 @@ TEST_F(ControlTerminalRuns, CtrlZPausesTheToolTooAndTheRunGoesOnAfterwards)
 TEST_F(ControlTerminalRuns, AResizedWindowIsFilledAnew)
 {
     PseudoTerminal terminal(setup({"defrag", _tool.image(), "--force"}));
-    ASSERT_TRUE(terminal.waitFor("25%"));
+    ASSERT_TRUE(terminal.waitFor("32.0 KiB moved"));
     const size_t before = terminal.output().size();
 
     terminal.resize(40, 12);
 
-    EXPECT_TRUE(terminal.waitFor("25%", before));
+    EXPECT_TRUE(terminal.waitFor("32.0 KiB moved", before));
     terminal.type("\x03");
     EXPECT_EQ(terminal.wait(), 1);
 }
