@@ -61,6 +61,8 @@ int ControlProgram::run()
         ControlTell(
             "Do not mount or check the volume before \"vzdefragctl recover\" has put it back "
             "to its last complete state.");
+    } else if (reason.status == ControlStatus::kInconsistent) {
+        _tellOfOtherRuns();
     }
     return static_cast<int>(reason.status);
 }
@@ -108,6 +110,13 @@ bool ControlProgram::_findImage(ControlErrorSlot error)
         return ControlFail(error, ControlStatus::kUsage,
                            _options.image + " is neither a block device nor a file.");
     }
+    for (const std::string& file : {_options.reportFile, _options.svgFile, _options.rollbackFile}) {
+        struct stat other = {};
+        if (!file.empty() && ::stat(file.c_str(), &other) == 0 && other.st_dev == status.st_dev &&
+            other.st_ino == status.st_ino) {
+            return ControlFail(error, ControlStatus::kRefused, file + " is the volume itself.");
+        }
+    }
     return true;
 }
 
@@ -118,7 +127,11 @@ bool ControlProgram::_findRollbackFile(ControlErrorSlot error)
     _rollbackFile = _options.rollbackFile.empty()
                         ? ControlRollback::pathForImage(_options.image, &failure)
                         : _options.rollbackFile;
+    const bool mayBeUnseen = !_options.moves() && _options.command != Command::kRecover;
     if (!_rollbackFile.empty()) {
+        if (!mayBeUnseen && !ControlRollback::canLookAt(_rollbackFile, error)) {
+            return false;
+        }
         return mayDoWithout || ControlRollback::makeFolders(_rollbackFile, error);
     }
     return (mayDoWithout && _options.command != Command::kRecover) ||
@@ -150,6 +163,7 @@ bool ControlProgram::_recover(ControlErrorSlot error)
 {
     if (!ControlRollback::holdsRecords(_rollbackFile)) {
         ControlTell("There is nothing to recover: " + _rollbackFile + " holds no records.");
+        _tellOfOtherRuns();
         return true;
     }
     ControlTool::Setup setup = _toolSetup();
@@ -162,6 +176,21 @@ bool ControlProgram::_recover(ControlErrorSlot error)
         ControlTell("The volume was in order; the rollback file is not needed any more.");
     }
     return true;
+}
+
+void ControlProgram::_tellOfOtherRuns() const
+{
+    const std::vector<std::string> files = ControlRollback::othersWithRecords(_rollbackFile);
+    if (files.empty()) {
+        return;
+    }
+    ControlTell("Other runs were interrupted, and their rollback files wait to be put back:");
+    for (const std::string& file : files) {
+        ControlTell("    " + file);
+    }
+    ControlTell(
+        "If one was made for this volume under another name, put it back before any check, with "
+        "\"vzdefragctl recover IMAGE --rollback FILE\".");
 }
 
 ControlTool::Setup ControlProgram::_toolSetup() const

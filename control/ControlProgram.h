@@ -25,6 +25,8 @@ private:
     [[nodiscard]] bool _findRollbackFile(ControlErrorSlot error);
     /** Undoes what an interrupted run has left; @p error says why that failed. */
     [[nodiscard]] bool _recover(ControlErrorSlot error);
+    /** Names the rollback files that may belong to this volume, when it had another name. */
+    void _tellOfOtherRuns() const;
 
     [[nodiscard]] bool _info(ControlErrorSlot error);
     [[nodiscard]] bool _map(ControlErrorSlot error);

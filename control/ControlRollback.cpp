@@ -14,6 +14,7 @@ namespace {
 
 constexpr size_t kNameLimit = 64;    // bytes of the image's own name in the file's
 constexpr size_t kDigestBytes = 10;  // enough to tell all images of a machine apart
+constexpr const char* kExtension = ".rollback";
 constexpr mode_t kOwnerAlone = 0700;
 
 /** @p name without what shells and people stumble over. */
@@ -74,13 +75,41 @@ std::string ControlRollback::pathForImage(const std::string& image, ControlError
         return {};
     }
     return folder + "/vzdefrag/" + plainName(path.filename().string()) + "-" +
-           digestOf(path.string()) + ".rollback";
+           digestOf(path.string()) + kExtension;
 }
 
 bool ControlRollback::holdsRecords(const std::string& path)
 {
     struct stat status = {};
     return ::stat(path.c_str(), &status) == 0 && status.st_size > 0;
+}
+
+bool ControlRollback::canLookAt(const std::string& path, ControlErrorSlot error)
+{
+    struct stat status = {};
+    return ::stat(path.c_str(), &status) == 0 || errno == ENOENT || errno == ENOTDIR ||
+           ControlFail(
+               error, ControlStatus::kInputOutput,
+               "Unable to look for rollback file " + path + ": " + std::strerror(errno) + ".");
+}
+
+std::vector<std::string> ControlRollback::othersWithRecords(const std::string& path)
+{
+    std::vector<std::string> files;
+    const std::string folder = stateFolder();
+    if (folder.empty()) {
+        return files;
+    }
+    std::error_code failure;
+    std::filesystem::directory_iterator entry(folder + "/vzdefrag", failure);
+    for (; !failure && entry != std::filesystem::directory_iterator(); entry.increment(failure)) {
+        const std::string file = entry->path().string();
+        if (file != path && file.ends_with(kExtension) && holdsRecords(file)) {
+            files.push_back(file);
+        }
+    }
+    std::ranges::sort(files);
+    return files;
 }
 
 bool ControlRollback::makeFolders(const std::string& path, ControlErrorSlot error)

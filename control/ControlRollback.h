@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "ControlStatus.h"
 
@@ -13,6 +14,10 @@ public:
     [[nodiscard]] static std::string pathForImage(const std::string& image, ControlErrorSlot error);
     /** Whether the file at @p path holds what an interrupted run has left. */
     [[nodiscard]] static bool holdsRecords(const std::string& path);
+    /** Whether it can be known what is at @p path; that nothing is there counts as known. */
+    [[nodiscard]] static bool canLookAt(const std::string& path, ControlErrorSlot error);
+    /** The files with records, besides that at @p path, in the folder of pathForImage(). */
+    [[nodiscard]] static std::vector<std::string> othersWithRecords(const std::string& path);
     /** Makes the folders that @p path lies in, readable by their owner alone. */
     [[nodiscard]] static bool makeFolders(const std::string& path, ControlErrorSlot error);
 };

@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
 
@@ -279,6 +280,100 @@ TEST(ControlRuns, AnInterruptedRunIsRolledBackByTheNextCommandOrByRecover)
         EXPECT_TRUE(after.check.consistent) << after.check.description();
         EXPECT_EQ(after.hashes, before.hashes) << command[0];
     }
+}
+
+TEST(ControlRuns, AnInterruptedRunIsNotForgottenWhenTheImageHasAnotherName)
+{
+    HFSPlusVolumeBuilder builder;
+    const VolumeImage volume(largeVolume(builder));
+    const ControlCommand control;
+    const VolumeState before = readVolumeState(volume.path());
+    ASSERT_EQ(runKilled(control, volume.path()).status, 7);
+    const std::string rollback = control.stateFiles().begin()->first;
+    const uintmax_t size = control.stateFiles().begin()->second;
+    ASSERT_GT(size, 0U);
+    const std::string other = volume.path() + ".link";
+    std::filesystem::create_hard_link(volume.path(), other);
+
+    // Nothing is written, nothing is lost, and people are told where the records are.
+    for (const std::vector<std::string>& line : std::vector<std::vector<std::string>>{
+             {"info", other},
+             {"defrag", other},
+             {"compact", other, "--no-rollback"},
+             {"defrag", volume.path(), "--rollback", rollback + ".other"},
+             {"recover", other}}) {
+        const ControlResult result = control.run(line);
+        EXPECT_EQ(result.status, line[0] == "recover" ? 0 : 4) << testing::PrintToString(line);
+        EXPECT_NE(result.messages.find(rollback), std::string::npos) << result.messages;
+        EXPECT_EQ(control.stateFiles().at(rollback), size);
+    }
+
+    const ControlResult result = control.run({"recover", other, "--rollback", rollback});
+    EXPECT_EQ(result.status, 0) << result.messages;
+    EXPECT_EQ(control.stateFiles().at(rollback), 0U);
+    EXPECT_EQ(readVolumeState(volume.path()).hashes, before.hashes);
+    std::filesystem::remove(other);
+}
+
+TEST(ControlRuns, ALinkToAnImageLeadsToItsInterruptedRun)
+{
+    HFSPlusVolumeBuilder builder;
+    const VolumeImage volume(largeVolume(builder));
+    const ControlCommand control;
+    ASSERT_EQ(runKilled(control, volume.path()).status, 7);
+    const std::string link = volume.path() + ".symlink";
+    std::filesystem::create_symlink(volume.path(), link);
+
+    const ControlResult result = control.run({"compact", link, "--no-rollback", "--force"});
+
+    EXPECT_EQ(result.status, 0) << result.messages;
+    EXPECT_NE(result.messages.find("An interrupted run was rolled back"), std::string::npos);
+    EXPECT_EQ(control.stateFiles().begin()->second, 0U);
+    std::filesystem::remove(link);
+}
+
+TEST(ControlRuns, WithoutALookAtTheRollbackFileNothingIsMoved)
+{
+    const FakeTool tool({.moving = "echo \"$word,START\"; echo \"$word,DONE\""});
+    ControlCommand control;
+    control.setTool(tool.path());
+    // A folder that nobody can look into, not even root.
+    const std::string loop = tool.image() + ".loop";
+    std::filesystem::create_symlink(loop, loop);
+    control.setVariable("XDG_STATE_HOME", loop);
+
+    for (const std::vector<std::string>& line : std::vector<std::vector<std::string>>{
+             {"recover", tool.image()},
+             {"defrag", tool.image(), "--force"},
+             {"defrag", tool.image(), "--force", "--no-rollback"}}) {
+        const ControlResult result = control.run(line);
+        EXPECT_EQ(result.status, 5) << result.messages;
+        EXPECT_NE(result.messages.find(loop), std::string::npos) << result.messages;
+    }
+    EXPECT_EQ(tool.journal(), "");
+    EXPECT_EQ(control.run({"info", tool.image()}).status, 0);
+    std::filesystem::remove(loop);
+}
+
+TEST(ControlRuns, OfTwoOnOneImageTheSecondIsRefused)
+{
+    HFSPlusVolumeBuilder builder;
+    const VolumeImage volume(largeVolume(builder));
+    const ControlCommand control;
+    ToolProcess first(control.setup({"defrag", volume.path(), "--plain"}));
+    ASSERT_TRUE(awaitOutput(first, "MiB moved"));
+    first.sendSignal(SIGTSTP);  // and the tool with it
+
+    for (const char* const command : {"defrag", "compact", "info", "recover"}) {
+        const ControlResult second = control.run({command, volume.path()});
+        EXPECT_EQ(second.status, 3) << command << second.messages;
+        EXPECT_NE(second.messages.find("busy"), std::string::npos) << second.messages;
+    }
+
+    first.sendSignal(SIGCONT);
+    std::ignore = first.readToEnd();
+    EXPECT_EQ(first.wait(), 0);
+    EXPECT_TRUE(readVolumeState(volume.path()).check.consistent);
 }
 
 TEST(ControlRuns, RecoverWithoutRecordsSaysSo)
