@@ -71,6 +71,16 @@ std::string checkProfile(const std::string& text)
     return isKnown ? "" : "not a list of boot and app: " + text;
 }
 
+std::string checkPercent(const std::string& text)
+{
+    double percent = 0;
+    const char* const end = text.data() + text.size();
+    const auto result = std::from_chars(text.data(), end, percent, std::chars_format::fixed);
+    const bool isNumber = result.ec == std::errc() && result.ptr == end;
+    // What is no number compares as false.
+    return isNumber && percent >= 0 && percent <= 100 ? "" : "not from 0 to 100: " + text;
+}
+
 void addRunOptions(CLI::App& app, ControlOptions& options)
 {
     CLI::Option* const plain =
@@ -84,7 +94,7 @@ void addRunOptions(CLI::App& app, ControlOptions& options)
         ->type_name("DURATION");
     app.add_option("--threshold", options.threshold,
                    "do nothing when less than so much of the files' blocks is in pieces")
-        ->check(CLI::Range(0.0, 100.0))
+        ->check(checkPercent)
         ->type_name("PERCENT");
     app.add_flag("--verify", options.verifies, "compare every file's blocks before and after");
     app.add_option("--report", options.reportFile, "write a page with before and after")
@@ -198,7 +208,11 @@ std::optional<int> parseCommandLine(int argc, const char* const* argv, ControlOp
     } catch (const CLI::ParseError& failure) {
         // Help and version come this way as well, with status 0.
         const int status = app.exit(failure, std::cout, std::cerr);
-        return status == 0 ? 0 : static_cast<int>(ControlStatus::kUsage);
+        if (status != 0) {
+            return static_cast<int>(ControlStatus::kUsage);
+        }
+        std::cout.flush();
+        return static_cast<int>(std::cout ? ControlStatus::kDone : ControlStatus::kInputOutput);
     }
     return std::nullopt;
 }

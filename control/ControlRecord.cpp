@@ -8,6 +8,7 @@ namespace {
 
 using Kind = ControlRecord::Kind;
 
+constexpr size_t kLongestRecord = size_t{64} << 20;
 constexpr std::string_view kEscapedNul = "\\xC0\\x80";
 constexpr std::array<std::string_view, 6> kTasks = {"BITMAP",   "COMPACT", "DEFRAG",
                                                     "FRAGINFO", "MAP",     "SCAN"};
@@ -187,8 +188,10 @@ std::string unescapedField(std::string_view field)
 const ControlRecord* ControlRecordReader::addLine(std::string_view line)
 {
     if (_hasRest && !beginsRecord(line)) {
-        _rest += '\n';
-        _rest += line;
+        if (_rest.size() < kLongestRecord) {  // no name goes on so long
+            _rest += '\n';
+            _rest += line;
+        }
         return nullptr;
     }
     const ControlRecord* const complete = takeRest();

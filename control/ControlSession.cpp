@@ -41,6 +41,18 @@ ControlSession::ControlSession(ControlSignals& signals, ControlSessionObserver& 
 {
 }
 
+ControlSession::~ControlSession()
+{
+    if (_tool == nullptr) {
+        return;
+    }
+    _tool->hangUp();
+    Exchange rest{.task = "", .handler = kIgnore};
+    // Signals are heard meanwhile: a disk that does not answer can hold the process for long.
+    while (_tool->isRunning() && _handleEvent(rest, _nextTick)) {
+    }
+}
+
 bool ControlSession::_awaitReady(ControlErrorSlot error)
 {
     Exchange opening{.task = "", .handler = kIgnore};

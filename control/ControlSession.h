@@ -48,6 +48,11 @@ public:
         const ControlTool::Setup& setup, ControlSignals& signals, ControlSessionObserver& observer,
         ControlErrorSlot error);
 
+    ControlSession(const ControlSession&) = delete;
+    ControlSession& operator=(const ControlSession&) = delete;
+    /** Lets vzdefrag end, and waits for it as long as nobody loses patience. */
+    ~ControlSession();
+
     [[nodiscard]] const ControlVolumeFacts& facts() const { return _facts; }
     /** Whether vzdefrag has rolled an interrupted run back when it opened the volume. */
     [[nodiscard]] bool didRollBack() const { return _didRollBack; }

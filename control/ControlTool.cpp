@@ -17,6 +17,8 @@
 namespace {
 
 constexpr size_t kReadSize = size_t{256} << 10;
+// How often to look whether a process whose streams are closed has ended.
+constexpr std::chrono::milliseconds kEndInterval{5};
 constexpr const char* kLogLevelName = "KLDebugLevel";
 constexpr const char* kRollbackName = "VZDefragRollbackFile";
 
@@ -150,11 +152,22 @@ ControlTool::~ControlTool()
         goOn();
         std::ignore = wait();
     }
-    if (_input >= 0) {
-        ::close(_input);
-    }
+    hangUp();
+}
+
+void ControlTool::hangUp()
+{
+    _closeInput();
     _output.close();
     _log.close();
+}
+
+void ControlTool::_closeInput()
+{
+    if (_input >= 0) {
+        ::close(_input);
+        _input = -1;
+    }
 }
 
 bool ControlTool::Stream::takeLine(std::string_view& line)
@@ -166,7 +179,8 @@ bool ControlTool::Stream::takeLine(std::string_view& line)
         return true;
     }
     scanned = bytes.size();
-    if (descriptor < 0 && taken < bytes.size()) {
+    const bool isAll = descriptor < 0 || bytes.size() - taken > longestLine;
+    if (isAll && taken < bytes.size()) {
         line = std::string_view(bytes).substr(taken);
         taken = bytes.size();
         return true;
@@ -211,13 +225,18 @@ ControlTool::Event ControlTool::next(std::string_view& line, const ControlSignal
         if (_output.takeLine(line)) {
             return Event::kLine;
         }
-        if (_output.descriptor < 0 && _log.descriptor < 0) {
+        if (_output.descriptor < 0) {
+            _closeInput();  // there is no answer to be had any more
+        }
+        const bool isClosed = _output.descriptor < 0 && _log.descriptor < 0;
+        if (isClosed && _hasEnded()) {
             return Event::kEnd;
         }
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
-        const auto wait = std::clamp<int64_t>(left.count(), 0, 1 << 30);
+        const auto longest = isClosed ? kEndInterval : std::chrono::milliseconds(1 << 30);
+        const auto wait = std::clamp<int64_t>(left.count(), 0, longest.count());
         const int ready = ::poll(files.data(), files.size(), static_cast<int>(wait));
-        if (ready == 0) {
+        if (ready == 0 && Clock::now() >= deadline) {
             return Event::kTimeout;
         }
         if (ready > 0 && files[0].revents != 0) {
@@ -272,17 +291,25 @@ int ControlTool::wait()
     if (_process <= 0) {
         return _status;
     }
-    if (_input >= 0) {
-        ::close(_input);
-        _input = -1;
-    }
-    // Nobody reads on: what the tool still has to say must not hold it.
-    _output.close();
-    _log.close();
+    hangUp();
     int status = 0;
     while (::waitpid(_process, &status, 0) < 0 && errno == EINTR) {
     }
+    _setStatus(status);
+    return _status;
+}
+
+bool ControlTool::_hasEnded()
+{
+    int status = 0;
+    if (_process > 0 && ::waitpid(_process, &status, WNOHANG) != 0) {
+        _setStatus(status);
+    }
+    return _process <= 0;
+}
+
+void ControlTool::_setStatus(int status)
+{
     _process = -1;
     _status = WIFSIGNALED(status) ? -WTERMSIG(status) : WEXITSTATUS(status);
-    return _status;
 }

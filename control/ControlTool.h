@@ -27,7 +27,7 @@ public:
     enum class Event {
         kLine,     // a line of output
         kLog,      // a line of the log
-        kEnd,      // no more of either
+        kEnd,      // no more of either, and the process has ended
         kSignal,   // the signals given have one to take
         kTimeout,  // the deadline has passed
     };
@@ -38,7 +38,7 @@ public:
                                                                     ControlErrorSlot error);
     ControlTool(const ControlTool&) = delete;
     ControlTool& operator=(const ControlTool&) = delete;
-    /** Closes the tool's input, lets it go on if it is paused, and waits for its end. */
+    /** Waits for the end of the process. */
     ~ControlTool();
 
     /** Waits for the next event; @p line gets its line, valid until the next call. */
@@ -51,6 +51,10 @@ public:
     void pause();
     void goOn();
 
+    /** Whether the process may still run, and was not left to itself. */
+    [[nodiscard]] bool isRunning() const { return _process > 0; }
+    /** Closes the tool's input, and its outputs, so that nothing that is left to say holds it. */
+    void hangUp();
     /** Waits for the end of the process: its exit status, or minus the signal that ended it. */
     [[nodiscard]] int wait();
     /** Leaves the tool to itself: it reads the end of its input and ends at the next safe point. */
@@ -63,6 +67,7 @@ private:
         std::string bytes = {};
         size_t taken = 0;    // bytes at the front that were handed out
         size_t scanned = 0;  // bytes at the front without a line's end behind taken
+        size_t longestLine;  // what is longer is handed out in pieces
 
         [[nodiscard]] bool takeLine(std::string_view& line);
         void receive();
@@ -70,11 +75,16 @@ private:
     };
 
     ControlTool() = default;
+    void _closeInput();
+    /** Whether the process has ended by now. */
+    [[nodiscard]] bool _hasEnded();
+    void _setStatus(int status);
     [[nodiscard]] bool _start(const Setup& setup, ControlErrorSlot error);
 
     pid_t _process = -1;
     int _status = 0;
     int _input = -1;
-    Stream _output;
-    Stream _log;
+    // A file in millions of pieces is one line.
+    Stream _output{.longestLine = size_t{64} << 20};
+    Stream _log{.longestLine = size_t{64} << 10};
 };
