@@ -1,6 +1,8 @@
 #include "ControlProgressMeter.h"
 
 #include <algorithm>
+#include <array>
+#include <limits>
 
 namespace {
 
@@ -11,8 +13,12 @@ constexpr double kRateWindow = 5;
 constexpr double kSampleDistance = 0.05;
 // With less done, the time left would be a guess.
 constexpr double kLeastShare = 0.01;
-// A move of one block takes as long as so many bytes more, whatever the disk makes of it.
-constexpr double kBytesPerMove = 32 << 10;
+// What a move can cost beside its bytes, in bytes that could be copied meanwhile: less than a
+// millisecond on a solid-state disk, two seeks on another. The first is taken until more is known.
+constexpr std::array kBytesPerMove = {32e3, 8e3, 128e3, 512e3, 2e6};
+// Another one has to explain the run so far so much better.
+constexpr double kBetter = 0.8;
+constexpr size_t kHistoryLimit = 128;
 // The moves of the first batch are read within so many seconds.
 constexpr double kBatchLength = 0.05;
 constexpr size_t kCrowdingCells = 4096;
@@ -27,7 +33,7 @@ double secondsBetween(ControlProgressMeter::Clock::time_point begin,
 
 ControlProgressMeter::ControlProgressMeter(uint32_t blockSize, const ControlWorkload& workload,
                                            Clock::time_point begin)
-    : _blockSize(blockSize), _workload(workload), _begin(begin)
+    : _blockSize(blockSize), _workload(workload), _begin(begin), _historyDistance(kSampleDistance)
 {
 }
 
@@ -42,6 +48,8 @@ void ControlProgressMeter::addMove(int percent, uint32_t count, Clock::time_poin
     const Sample sample{.time = now, .blocks = _blocks, .moves = _moves};
     if (secondsBetween(_firstMove, now) < kBatchLength) {
         _first = sample;
+    } else {
+        _remember(sample);
     }
     // Room that had to be made can bring the tool's figure above 100.
     percent = std::clamp(percent, _percent, 100);
@@ -61,6 +69,50 @@ void ControlProgressMeter::finish()
 {
     _percent = 100;
     _blocksAtPercent = _blocks;
+}
+
+void ControlProgressMeter::_remember(const Sample& sample)
+{
+    if (!_history.empty() && secondsBetween(_history.back().time, sample.time) < _historyDistance) {
+        return;
+    }
+    _history.push_back(sample);
+    if (_history.size() == kHistoryLimit) {
+        for (size_t index = 0; index < kHistoryLimit / 2; index++) {
+            _history[index] = _history[2 * index];
+        }
+        _history.resize(kHistoryLimit / 2);
+        _historyDistance *= 2;
+    }
+}
+
+double ControlProgressMeter::_work(const Sample& begin, const Sample& end,
+                                   double bytesPerMove) const
+{
+    return static_cast<double>(end.blocks - begin.blocks) * _blockSize +
+           static_cast<double>(end.moves - begin.moves) * bytesPerMove;
+}
+
+double ControlProgressMeter::_bytesPerMove(const Sample& now) const
+{
+    const double seconds = secondsBetween(_first.time, now.time);
+    double chosen = kBytesPerMove.front();
+    double least = std::numeric_limits<double>::infinity();
+    for (const double candidate : kBytesPerMove) {
+        // With the right one, work goes with time in a straight line.
+        const double all = _work(_first, now, candidate);
+        double deviation = 0;
+        for (const Sample& sample : _history) {
+            const double difference = secondsBetween(_first.time, sample.time) / seconds -
+                                      _work(_first, sample, candidate) / all;
+            deviation += difference * difference;
+        }
+        if (deviation < least * kBetter) {
+            chosen = candidate;
+            least = deviation;
+        }
+    }
+    return chosen;
 }
 
 double ControlProgressMeter::_exactPercent() const
@@ -96,15 +148,13 @@ std::optional<double> ControlProgressMeter::_secondsLeft(Clock::time_point now) 
     const double allMoves = static_cast<double>(_workload.extents) * (1 + _workload.crowding / 2);
     const auto moves = static_cast<double>(_moves);
     const double movesLeft = std::clamp(allMoves - moves, 0.0, moves * ratio);
-    const auto work = [&](double blocks, double count) {
-        return blocks * _blockSize + count * kBytesPerMove;
-    };
-    const auto blocks = static_cast<double>(_blocks);
-    const double left = work(blocks * ratio, movesLeft);
+    const Sample sample{.time = now, .blocks = _blocks, .moves = _moves};
     const double since = secondsBetween(_first.time, now);
-    const double done = work(blocks - static_cast<double>(_first.blocks),
-                             moves - static_cast<double>(_first.moves));
-    const double all = work(blocks, moves);
+    const double bytesPerMove = _bytesPerMove(sample);
+    const double all = _work({}, sample, bytesPerMove);
+    const double done = _work(_first, sample, bytesPerMove);
+    const double left =
+        static_cast<double>(_blocks) * _blockSize * ratio + movesLeft * bytesPerMove;
     if (since <= 0 || done < kLeastShare * all) {
         return secondsBetween(_begin, now) * left / all;
     }

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <deque>
 #include <optional>
+#include <vector>
 
 #include "ControlRunDisplay.h"
 
@@ -33,6 +34,7 @@ public:
     /** The run has come to its end. */
     void finish();
 
+    [[nodiscard]] int percent() const { return _percent; }
     [[nodiscard]] ControlProgress progress(Clock::time_point now) const;
 
 private:
@@ -46,6 +48,11 @@ private:
     [[nodiscard]] double _exactPercent() const;
     /** The share of all blocks that have moved, those that made room included. */
     [[nodiscard]] double _shareMoved() const;
+    void _remember(const Sample& sample);
+    /** What a move costs beside its bytes, in bytes, as the run so far tells. */
+    [[nodiscard]] double _bytesPerMove(const Sample& now) const;
+    /** The work from @p begin to @p end in bytes, with @p bytesPerMove more for each move. */
+    [[nodiscard]] double _work(const Sample& begin, const Sample& end, double bytesPerMove) const;
     [[nodiscard]] std::optional<double> _secondsLeft(Clock::time_point now) const;
 
     uint32_t _blockSize;
@@ -57,5 +64,7 @@ private:
     uint64_t _blocksAtPercent = 0;  // moved when the percentage last rose
     Clock::time_point _firstMove;
     Sample _first;  // after the first batch of moves: before it the run was being prepared
-    std::deque<Sample> _samples;  // of the last seconds, the oldest first
+    std::vector<Sample> _history;  // of the whole run since, about evenly spaced
+    double _historyDistance;       // seconds
+    std::deque<Sample> _samples;   // of the last seconds, the oldest first
 };

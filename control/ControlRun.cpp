@@ -159,11 +159,15 @@ void ControlRun::_handleMove(const ControlRecord& record)
         return;
     }
     const auto count = static_cast<uint32_t>(record.numbers[2]);
+    const int before = _meter->percent();
     _meter->addMove(record.percent, count, ControlTool::Clock::now());
     _display->blocksDidMove({.source = static_cast<uint32_t>(record.numbers[0]),
                              .destination = static_cast<uint32_t>(record.numbers[1]),
                              .count = count});
-    _display->progressDidChange(_meter->progress(ControlTool::Clock::now()));
+    // Moves come by the thousand at once; between whole percents the clock is enough.
+    if (_meter->percent() != before) {
+        timeDidPass();
+    }
 }
 
 bool ControlRun::_lookAgain(ControlErrorSlot error)

@@ -97,6 +97,30 @@ TEST(ControlProgressMeter, FilesInManyPiecesAreReckonedWithOnceTheyArePast)
     EXPECT_NEAR(meter.progress(begin + milliseconds(9000)).secondsLeft.value_or(0), 1, 0.1);
 }
 
+TEST(ControlProgressMeter, ADiskOnWhichPiecesCostMuchIsSeenThrough)
+{
+    // 20 ms a piece and 10 ms a megabyte: 400 files in many pieces, then 400 in few.
+    const Clock::time_point begin;
+    ControlProgressMeter meter(1000, {.crowding = 0, .extents = 4400}, begin);
+    double seconds = 0;
+    double left = 0;
+    for (int file = 1; file <= 800; file++) {
+        const int pieces = file <= 400 ? 10 : 1;
+        for (int piece = 0; piece < pieces; piece++) {
+            seconds += 0.02 + 0.02 / pieces;
+            meter.addMove(file / 8, 2000U / static_cast<uint32_t>(pieces),
+                          begin + milliseconds(static_cast<int64_t>(1000 * seconds)));
+        }
+        if (file == 480) {
+            left = meter.progress(begin + milliseconds(static_cast<int64_t>(1000 * seconds)))
+                       .secondsLeft.value_or(0);
+        }
+    }
+
+    // Were pieces free, it would be 60 seconds.
+    EXPECT_NEAR(left, 0.04 * 320, 2);
+}
+
 TEST(ControlProgressMeter, CrowdingIsTheShareInUseOfThePlaceToBeFilled)
 {
     ControlFigures figures;
