@@ -12,6 +12,11 @@ ControlSignals::ControlSignals()
     for (const int signal : {SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGTSTP, SIGWINCH}) {
         ::sigaddset(&signals, signal);
     }
+    // A run that was started with nohup goes on when the terminal goes.
+    struct sigaction hangUp = {};
+    if (::sigaction(SIGHUP, nullptr, &hangUp) == 0 && hangUp.sa_handler == SIG_IGN) {
+        ::sigdelset(&signals, SIGHUP);
+    }
     ::sigprocmask(SIG_BLOCK, &signals, &_previous);
     std::signal(SIGPIPE, SIG_IGN);
     // A screen is given back even when the job was put into the background meanwhile.

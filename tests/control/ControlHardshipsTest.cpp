@@ -167,6 +167,30 @@ TEST(ControlHardships, AMessageIsNeverACommandOfTheTool)
     EXPECT_EQ(tool.journal(), "BITMAP 1\nFRAGINFO\nSCAN --frag-only\nSCAN -f\nQUIT\n");
 }
 
+TEST(ControlHardships, ARunOutlivesItsTerminalOnlyWithNohup)
+{
+    // Whoever runs the tests may have used nohup as well.
+    const auto previous = std::signal(SIGHUP, SIG_DFL);
+    for (const bool isHeld : {true, false}) {
+        const FakeTool tool(
+            {.moving =
+                 "echo \"$word,START\"; echo > \"$journal.go\"; sleep 1; echo \"$word,DONE\""});
+        const ControlCommand control;
+        ToolProcess::Setup setup = control.setup({});
+        setup.program = "/bin/sh";
+        setup.arguments = {"-c",
+                           std::string(isHeld ? "trap '' HUP; " : "") +
+                               "exec \"$0\" defrag \"$1\" --tool \"$2\" --force",
+                           VZDEFRAGCTL_PROGRAM, tool.image(), tool.path()};
+        ToolProcess process(setup);
+        ASSERT_TRUE(awaitFile(tool.goPath()));
+        process.sendSignal(SIGHUP);
+        const std::string messages = process.readErrorsToEnd();
+        EXPECT_EQ(process.wait(), isHeld ? 0 : 1) << messages;
+    }
+    std::signal(SIGHUP, previous);
+}
+
 TEST(ControlHardships, HelpThatCannotBeWrittenEndsWith5)
 {
     ToolProcess::Setup setup{.program = "/bin/sh"};
