@@ -4,6 +4,7 @@
 
 #include <array>
 #include <charconv>
+#include <cstdlib>
 #include <cstring>
 #include <tuple>
 #include <utility>
@@ -18,6 +19,14 @@ constexpr std::chrono::milliseconds kTick{100};
 // Who asks so often has stopped waiting; vzdefrag ends by itself.
 constexpr int kInterruptsToLeave = 3;
 constexpr std::string_view kStopped = "Stopped.";
+
+/** Whether the environment asks for more of the log than warnings. */
+bool wantsLog()
+{
+    const char* const level = std::getenv("KLDebugLevel");
+    return level != nullptr &&
+           (::strcasecmp(level, "info") == 0 || ::strncasecmp(level, "debug", 5) == 0);
+}
 
 const ControlSession::Handler kIgnore = [](const ControlRecord&) {};
 
@@ -37,7 +46,7 @@ std::unique_ptr<ControlSession> ControlSession::initWithSetup(const ControlTool:
 }
 
 ControlSession::ControlSession(ControlSignals& signals, ControlSessionObserver& observer)
-    : _signals(signals), _observer(observer), _nextTick(Clock::now())
+    : _signals(signals), _observer(observer), _showsLog(wantsLog()), _nextTick(Clock::now())
 {
 }
 
@@ -190,7 +199,7 @@ void ControlSession::_handleLog(const std::string& line)
     const ControlLogLine log = ControlLogLine::parse(line);
     log.tell(_facts);
     _didRollBack = _didRollBack || log.tellsOfRollback();
-    if (log.isForPeople()) {
+    if (log.isForPeople() || _showsLog) {
         _observer.didLog(log.message());
     }
 }

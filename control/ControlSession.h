@@ -102,6 +102,7 @@ private:
     std::unique_ptr<ControlTool> _tool;
     ControlRecordReader _reader;
     ControlVolumeFacts _facts;
+    bool _showsLog;  // all of it: somebody has asked for more than warnings
     bool _didRollBack = false;
     bool _isStopping = false;
     int _interrupts = 0;

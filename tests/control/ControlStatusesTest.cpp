@@ -247,6 +247,20 @@ TEST(ControlStatuses, EventsAreOneObjectALine)
     EXPECT_EQ(std::ranges::count(events, "move"), 2);
 }
 
+TEST(ControlStatuses, TheLogIsShownToWhoAsksForIt)
+{
+    const FakeTool tool({});
+    ControlCommand control;
+    control.setTool(tool.path());
+    EXPECT_EQ(control.run({"info", tool.image()}).messages, "");
+
+    control.setVariable("KLDebugLevel", "info");
+    const ControlResult result = control.run({"info", tool.image()});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_NE(result.messages.find("Volume size         = 256KiB"), std::string::npos)
+        << result.messages;
+}
+
 TEST(ControlStatuses, NamesFromTheDiskAreEscapedInMessages)
 {
     const ControlResult result = runWith(
