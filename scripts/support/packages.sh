@@ -57,3 +57,12 @@ install_non_free_packages() {
 find_fsck() {
     PATH="$PATH:/usr/sbin:/sbin" command -v fsck.hfsplus || true
 }
+
+# Debian's flags for hardened programs, for what is configured from then on (package dpkg-dev).
+use_package_flags() {
+    export DEB_BUILD_MAINT_OPTIONS=hardening=+all
+    # CMake knows no flags for the preprocessor alone.
+    CXXFLAGS="$(dpkg-buildflags --get CXXFLAGS) $(dpkg-buildflags --get CPPFLAGS)"
+    LDFLAGS=$(dpkg-buildflags --get LDFLAGS)
+    export CXXFLAGS LDFLAGS
+}
