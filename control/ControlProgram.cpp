@@ -24,7 +24,7 @@ std::string usualTool()
     const ssize_t length = ::readlink("/proc/self/exe", own.data(), own.size());
     if (length > 0 && static_cast<size_t>(length) < own.size()) {
         own.resize(static_cast<size_t>(length));
-        const std::string beside = own.substr(0, own.find_last_of('/') + 1) + "vzdefrag";
+        std::string beside = own.substr(0, own.find_last_of('/') + 1) + "vzdefrag";
         if (::access(beside.c_str(), X_OK) == 0) {
             return beside;
         }
