@@ -13,11 +13,11 @@ constexpr double kRateWindow = 5;
 constexpr double kSampleDistance = 0.05;
 // With less done, the time left would be a guess.
 constexpr double kLeastShare = 0.01;
-// What a move can cost beside its bytes, in bytes that could be copied meanwhile: less than a
+// What a move can cost beside its bytes, in bytes that could be copied meanwhile: a fraction of a
 // millisecond on a solid-state disk, two seeks on another. The first is taken until more is known.
-constexpr std::array kBytesPerMove = {32e3, 8e3, 128e3, 512e3, 2e6};
+constexpr std::array kBytesPerMove = {64e3, 512e3, 2e6};
 // Another one has to explain the run so far so much better.
-constexpr double kBetter = 0.8;
+constexpr double kBetter = 0.25;
 constexpr size_t kHistoryLimit = 128;
 // The moves of the first batch are read within so many seconds.
 constexpr double kBatchLength = 0.05;
